@@ -1,0 +1,159 @@
+/*
+ * The message layer: numbered, translatable messages, tracing and the
+ * formatting of messages into memory.
+ *
+ * A message is named by its module's table and a 0-based index.  The text is
+ * looked up in the catalogue "ks_lib" (found by catopen through NLSPATH and
+ * the locale) under the table's set and the entry's catalogue number; without
+ * a catalogue the built-in English text is used.  Printing puts the
+ * application name and the type's word in front and writes to standard output
+ * (types 0-3) or standard error (the rest).  With index -1 the table argument
+ * is itself the format of a literal message.
+ */
+#ifndef KS_IMSG_H
+#define KS_IMSG_H
+
+#include <stdarg.h>
+#include <stdio.h>
+
+#include "ks/ks_common.h"
+
+KS_BEGIN_DECLS
+
+/* Message types: the odd ones continue the message of the type below them. */
+enum {
+    IMSG_OK = 0,
+    IMSG_OK_CONT = 1,
+    IMSG_INFO = 2,
+    IMSG_INFO_CONT = 3,
+    IMSG_WARNING = 4,
+    IMSG_WARNING_CONT = 5,
+    IMSG_ERROR = 6,
+    IMSG_ERROR_CONT = 7,
+    IMSG_TRACE = 8,
+    IMSG_TRACE_CONT = 9,
+    IMSG_NOTE_CONT = 10
+};
+#define IMSG_NTYPES 11
+
+/* One module's message table (built from its .msg file). */
+typedef struct imsg_msg_table {
+    const char *catalog;        /* "ks_lib" */
+    const char *subsys;         /* name shown in traces and the capture log */
+    int16_t set;                /* catalogue set */
+    int16_t count;              /* number of messages */
+    const char *const *texts;   /* built-in texts, printf formats */
+    const int16_t *numbers;     /* catalogue message number of each entry */
+} imsg_msg_table_t;
+
+/* The library's tables (catalogue sets 6 to 19). */
+KS_API extern const imsg_msg_table_t _stg_ks_msg_table;       /* "ks/stg", 6 */
+KS_API extern const imsg_msg_table_t _list_ks_msg_table;      /* "ks/list", 7 */
+KS_API extern const imsg_msg_table_t _strutl_ks_msg_table;    /* "ks/strutl", 8 */
+KS_API extern const imsg_msg_table_t _ks_ks_msg_table;        /* "ks", 9 */
+KS_API extern const imsg_msg_table_t _imsg_ks_msg_table;      /* "ks/imsg", 10 */
+KS_API extern const imsg_msg_table_t _date_ks_msg_table;      /* "ks/date", 12 */
+KS_API extern const imsg_msg_table_t _clp_ks_msg_table;       /* "clp", 13 */
+KS_API extern const imsg_msg_table_t _sysutl_ks_msg_table;    /* "ks/sysutl", 14 */
+KS_API extern const imsg_msg_table_t _rt_ks_msg_table;        /* "rt", 15 */
+KS_API extern const imsg_msg_table_t _rt_proc_ks_msg_table;   /* "rt_proc", 16 */
+KS_API extern const imsg_msg_table_t _server_id_ks_msg_table; /* "server_id", 17 */
+KS_API extern const imsg_msg_table_t _credutl_ks_msg_table;   /* "credutl", 18 */
+KS_API extern const imsg_msg_table_t _pfm_ks_msg_table;       /* "pfm", 19 */
+
+/* An output procedure receives the type and the finished line. */
+typedef void (*imsg_out_fn)(int type, const char *text);
+/* One output procedure per message type; all start as imsg_append_proc_default. */
+KS_API extern imsg_out_fn imsg_out_fns[IMSG_NTYPES];
+/* Writes the line with imsg_fputs to the stream of its type. */
+KS_API void imsg_append_proc_default(int type, const char *text);
+
+/* Trace level wanted (32767: not yet read from TRACE_VERBOSITY). */
+KS_API extern int32_t imsg_desired_verbosity;
+/* ':'-separated traced subsystems or "*"; not copied; null: not yet read. */
+KS_API extern const char *imsg_desired_tsubsys;
+
+/* Prints message index of table (or the literal format table when index is -1). */
+KS_API int32_t imsg_print(int type, const void *table, int index, ...);
+/* imsg_print under a caller-chosen subsystem name (shown with PRINT_SUBSYS). */
+KS_API int32_t imsg_print_shared(int type, const char *subsys, const void *table, int index, ...);
+/* Argument-list form of imsg_print_shared. */
+KS_API int32_t imsg_print_sharedv(int type, const char *subsys, const void *table, int index, va_list ap);
+/* The formatter behind every print call; with_subsys picks the prefix form. */
+KS_API int32_t imsg_print_sharedv_util(int type, int with_subsys, const char *subsys,
+                                       const void *table, int index, va_list ap);
+
+/* The prefix format of a type (static, valid until the next call). */
+KS_API const char *imsg_prefix_format(int type, int with_subsystem);
+/* While set every prefix is empty; returns the previous flag. */
+KS_API int imsg_suppress_prefix(int flag);
+/* Subsystem form of the prefix for the shared printers; returns the previous flag. */
+KS_API int imsg_output_subsys(int flag);
+/* Writes text, turning style sequences (0x01 0x01 digit letter) into terminal attributes. */
+KS_API int imsg_fputs(const char *text, FILE *stream);
+/* The one-character writer handed to the terminal library. */
+KS_API int imsg_putchar(int c);
+/* Writes the daemon log's time stamp for the even types. */
+KS_API void imsg_print_time(FILE *stream, int type);
+
+/* Formats a message into buf (size 0: unbounded); count as snprintf, or -1. */
+KS_API int imsg_snprintf(char *buf, size_t size, const void *table, int index, ...);
+KS_API int imsg_vsnprintf(char *buf, size_t size, const void *table, int index, va_list ap);
+/* Unbounded forms of imsg_snprintf. */
+KS_API int imsg_sprintf(char *buf, const void *table, int index, ...);
+KS_API int imsg_vsprintf(char *buf, const void *table, int index, va_list ap);
+/* As imsg_snprintf with message tagging allowed (plain while tagging is off). */
+KS_API int imsg_snprintf_taggable(char *buf, size_t size, const void *table, int index, ...);
+KS_API int imsg_vsnprintf_taggable(char *buf, size_t size, const void *table, int index, va_list ap);
+/* A message with the prefix of the given type, formatted into buf. */
+KS_API int imsg_snprintf_type(char *buf, size_t size, int type, const void *table, int index, ...);
+/* Formats into a buffer grown from start_size up to max_size; *result is freed with free. */
+KS_API int imsg_dynamic_len_snprintf(char **result, int start_size, int max_size,
+                                     const void *table, int index, ...);
+KS_API int imsg_dynamic_len_vsnprintf(char **result, int start_size, int max_size,
+                                      const void *table, int index, va_list ap);
+
+/* Sets up the module; every entry point calls it first. */
+KS_API void imsg_initialize(void);
+/* Names the program by the base name of path (null: "noname") and logs the command. */
+KS_API void imsg_set_app_name(const char *path);
+KS_API const char *imsg_get_app_name(void);
+/* Stores the message home directory (null: the default); returns it. */
+KS_API const char *imsg_set_message_home(const char *dir);
+/* Names the error-number file if readable (null: "errnum.imsg"). */
+KS_API void imsg_set_errnum_file(const char *path);
+typedef uint32_t (*imsg_clock_fn)(void *arg);
+KS_API void imsg_set_clock_callback(imsg_clock_fn fn, void *arg);
+/* The clock callback's value, 0 when none is set. */
+KS_API uint32_t imsg_clock(void);
+
+/* System text of an error number, or the number itself (static buffer). */
+KS_API const char *imsg_strerror(long error_number);
+/* Text of a resolver error (h_errno), else as imsg_strerror. */
+KS_API const char *imsg_strerror_gethost(int host_error_number);
+
+KS_API void imsg_set_trace_verbosity(int32_t level);
+/* Back to 32767, so that TRACE_VERBOSITY is read again. */
+KS_API void imsg_reset_verbosity(void);
+KS_API int32_t imsg_get_desired_verbosity(void);
+/* Sets the traced subsystem list (not copied). */
+KS_API void imsg_set_trace_subsys(const char *list);
+/* TRACE_VERBOSITY as a number, 0 when absent. */
+KS_API int32_t imsg_get_verbosity_ev(void);
+/* Whether subsystem is traced at level. */
+KS_API int imsg_should_trace(const char *subsystem, int level);
+KS_API int imsg_should_trace_subsys(const char *subsystem);
+
+/* The text to use for a message: the catalogue's, else the built-in one. */
+KS_API const char *cat_extractmsg(const void *table, int index);
+
+/* Whether output goes to a graphical front end (never, without one installed). */
+KS_API int imsg_in_gui(void);
+/* Shows text as a message of type and waits for the user to proceed.
+ * default_choice and choices are the front end's (2: proceed only).
+ * Returns 0 once the user answered (or when there is no terminal to ask). */
+KS_API int imsg_prompt_proceed(int type, const char *text, int default_choice, int choices);
+
+KS_END_DECLS
+
+#endif

@@ -1,0 +1,21 @@
+// Internal helpers shared between the library's modules (never installed).
+#ifndef KS_INTERNAL_H
+#define KS_INTERNAL_H
+
+#include <sys/time.h>
+#include <time.h>
+
+namespace ks {
+
+// The one clock of the library: every module that needs "now" asks here, so
+// that tests can fix the time.
+void clock_gettimeofday(struct timeval *tv);
+time_t clock_time();
+
+// Fixes "now" (tests); usec is the microsecond part.  clock_release undoes it.
+void clock_fix(time_t sec, long usec);
+void clock_release();
+
+} // namespace ks
+
+#endif

@@ -1,0 +1,344 @@
+// Storage areas: an arena of chunks from which blocks are handed out by
+// bumping a pointer and released only all together.
+#include <errno.h>
+#include <string.h>
+
+#include "ks/imsg.h"
+#include "ks/stg.h"
+#include "stg_internal.h"
+
+namespace {
+
+// Message indices of the stg table.
+enum {
+    MSG_CORRUPTED = 0,
+    MSG_NO_MEMORY = 1,
+    MSG_AREA_ALLOCATED = 5,
+    MSG_CHUNK_CREATED = 6,
+    MSG_CHUNK_FREEING = 7,
+    MSG_AREA_CLEARING = 8,
+    MSG_AREA_CREATED = 9,
+    MSG_AREA_DELETING = 10,
+    MSG_DUMP_AREA = 11,
+    MSG_DUMP_CHUNK = 12
+};
+
+// No single increment may exceed this, whatever the growth factor.
+constexpr uint32_t max_increment = 102400;
+
+stg_area_rec *area_head;
+stg_area_rec *area_tail;
+
+bool is_real_area(stg_area_t area)
+{
+    return area != STG_AREA_NULL && area != STG_AREA_HEAP;
+}
+
+unsigned char fill_byte(const stg_area_rec *area)
+{
+    return area->zero ? 0x00 : 0xFF;
+}
+
+void trace_area(int index, const stg_area_rec *area)
+{
+    if (ks::stg_traced(4))
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, index, (unsigned long)area);
+}
+
+// The size of the next chunk for a request of needed (already rounded) bytes;
+// *increment receives the clamped increment it was derived from.  Returns
+// false when the size does not fit the 32-bit counters.
+bool chunk_size(const stg_area_rec *area, uint64_t needed, uint32_t *increment, uint32_t *size)
+{
+    int count = 0;
+    for (const stg_chunk *c = area->chunks; c; c = c->next)
+        count++;
+
+    uint32_t incr;
+    if (count == 0) {
+        incr = area->first_size;
+    } else if (area->growth > 0.0f && !(count == 1 && area->incr_set)) {
+        float grown = static_cast<float>(static_cast<double>(area->growth) *
+                                         static_cast<double>(area->chunks->size));
+        // Truncating a float beyond 32 bits is undefined; the clamp below
+        // would take it down to the cap anyway.
+        incr = grown >= static_cast<float>(max_increment) ? max_increment
+                                                          : static_cast<uint32_t>(grown);
+    } else {
+        incr = area->base_incr;
+    }
+    if (incr > max_increment)
+        incr = max_increment;
+
+    uint64_t total = incr;
+    if (static_cast<double>(needed) > 0.7 * static_cast<double>(incr))
+        total += needed;
+    total = (total + 7) & ~static_cast<uint64_t>(7);
+    if (total > UINT32_MAX)
+        return false;
+    *increment = incr;
+    *size = static_cast<uint32_t>(total);
+    return true;
+}
+
+// Makes a chunk big enough for needed bytes and puts it at the head of the
+// chain; null (after the out-of-memory report) on failure.
+stg_chunk *new_chunk(stg_area_rec *area, uint64_t needed)
+{
+    uint32_t incr, size;
+    if (!chunk_size(area, needed, &incr, &size)) {
+        imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_NO_MEMORY);
+        errno = ENOMEM;
+        return nullptr;
+    }
+    stg_chunk *chunk = static_cast<stg_chunk *>(stg_malloc(sizeof *chunk));
+    if (!chunk)
+        return nullptr;
+    chunk->data = static_cast<unsigned char *>(stg_malloc(size));
+    if (!chunk->data) {
+        stg_free(chunk);
+        return nullptr;
+    }
+    chunk->used = 0;
+    chunk->size = size;
+
+    bool first = area->chunks == nullptr;
+    area->allocated += size;
+    // The first chunk of an area with an explicit increment is not counted:
+    // stg_free_area's reset of desired relies on the same asymmetry.
+    if (!(first && area->incr_set))
+        area->desired += incr;
+    memset(chunk->data, fill_byte(area), size);
+
+    if (ks::stg_traced(4))
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_CHUNK_CREATED,
+                   (unsigned long)area, (unsigned long)chunk, (unsigned)size);
+    chunk->next = area->chunks;
+    area->chunks = chunk;
+    return chunk;
+}
+
+// Reports the first byte of [p, p + len) that no longer holds the fill.
+void check_fill(const stg_area_rec *area, const unsigned char *p, size_t len)
+{
+    unsigned char expected = fill_byte(area);
+    for (size_t i = 0; i < len; i++) {
+        if (p[i] != expected) {
+            imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_CORRUPTED,
+                       (unsigned long)area, (unsigned long)(p + i));
+            return;
+        }
+    }
+}
+
+void free_chunk(stg_area_rec *area, stg_chunk *chunk)
+{
+    if (ks::stg_traced(4))
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_CHUNK_FREEING,
+                   (unsigned long)area, (unsigned long)chunk);
+    stg_free(chunk->data);
+    stg_free(chunk);
+}
+
+} // namespace
+
+namespace ks {
+
+stg_area_rec *stg_area_list_head() { return area_head; }
+stg_area_rec *stg_area_list_tail() { return area_tail; }
+
+} // namespace ks
+
+extern "C" {
+
+stg_area_t stg_create_area(uint32_t first_size)
+{
+    stg_area_rec *area = static_cast<stg_area_rec *>(stg_malloc(sizeof *area));
+    if (!area)
+        return STG_AREA_NULL;
+    area->chunks = nullptr;
+    area->first_size = first_size;
+    area->base_incr = first_size;
+    area->allocated = 0;
+    area->desired = 0;
+    area->growth = 0.0f;
+    area->next_area = nullptr;
+    area->zero = 0;
+    area->incr_set = 0;
+    if (area_tail)
+        area_tail->next_area = area;
+    else
+        area_head = area;
+    area_tail = area;
+    trace_area(MSG_AREA_CREATED, area);
+    return area;
+}
+
+void stg_set_incr(stg_area_t area, uint32_t incr)
+{
+    if (!is_real_area(area))
+        return;
+    area->base_incr = incr;
+    area->incr_set = 1;
+}
+
+void stg_set_growth(stg_area_t area, double factor)
+{
+    if (!is_real_area(area))
+        return;
+    if (factor > 1.0)   // false for NaN as well
+        area->growth = static_cast<float>(factor);
+}
+
+void stg_set_zero(stg_area_t area)
+{
+    if (is_real_area(area))
+        area->zero = 1;
+}
+
+void *stg_alloc(stg_area_t area, size_t size)
+{
+    if (area == STG_AREA_HEAP)
+        return stg_malloc(size);
+    if (area == STG_AREA_NULL) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    uint64_t need = (static_cast<uint64_t>(size) + 7) & ~static_cast<uint64_t>(7);
+    if (size > UINT32_MAX) {
+        imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_NO_MEMORY);
+        errno = ENOMEM;
+        return nullptr;
+    }
+
+    stg_chunk *chunk = area->chunks;
+    if (chunk && chunk->used + need > chunk->size) {
+        // The oldest chunk with room, so that the newest keeps its space for
+        // the common case of the next small request.
+        stg_chunk *found = nullptr;
+        for (stg_chunk *c = chunk->next; c; c = c->next)
+            if (c->used + need <= c->size)
+                found = c;
+        chunk = found;
+    }
+    if (!chunk) {
+        chunk = new_chunk(area, need);
+        if (!chunk)
+            return nullptr;
+    }
+
+    unsigned char *result = chunk->data + chunk->used;
+    if (ks::stg_traced(1)) {
+        size_t len = ks::stg_traced(2) ? chunk->size - chunk->used : static_cast<size_t>(need);
+        check_fill(area, result, len);
+    }
+    chunk->used += static_cast<uint32_t>(need);
+    if (ks::stg_traced(5))
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_AREA_ALLOCATED,
+                   (unsigned long)area, (unsigned long)result, (unsigned)need);
+    return result;
+}
+
+char *stg_area_strdup(stg_area_t area, const char *s)
+{
+    if (!s)
+        return nullptr;
+    size_t len = strlen(s) + 1;
+    char *copy = static_cast<char *>(stg_alloc(area, len));
+    if (copy)
+        memcpy(copy, s, len);
+    return copy;
+}
+
+uint32_t stg_free_area(stg_area_t area, int keep)
+{
+    if (!is_real_area(area))
+        return 0;
+    trace_area(MSG_AREA_CLEARING, area);
+    stg_chunk *kept = nullptr;
+    stg_chunk *chunk = area->chunks;
+    while (chunk) {
+        stg_chunk *next = chunk->next;
+        if (keep && !next)
+            kept = chunk;
+        else
+            free_chunk(area, chunk);
+        chunk = next;
+    }
+    area->chunks = kept;
+    if (!kept) {
+        area->desired = 0;
+        area->allocated = 0;
+        return 0;
+    }
+    kept->used = 0;
+    memset(kept->data, fill_byte(area), kept->size);
+    area->allocated = kept->size;
+    area->desired = area->incr_set ? 0 : area->first_size;
+    return kept->size;
+}
+
+void stg_delete_area(stg_area_t *handle)
+{
+    if (!handle || !is_real_area(*handle))
+        return;
+    stg_area_rec *area = *handle;
+    trace_area(MSG_AREA_DELETING, area);
+
+    stg_area_rec *prev = nullptr;
+    stg_area_rec *a = area_head;
+    while (a && a != area) {
+        prev = a;
+        a = a->next_area;
+    }
+    if (a) {
+        if (prev)
+            prev->next_area = area->next_area;
+        else
+            area_head = area->next_area;
+        if (area_tail == area)
+            area_tail = prev;
+    }
+
+    trace_area(MSG_AREA_CLEARING, area);
+    stg_chunk *chunk = area->chunks;
+    while (chunk) {
+        stg_chunk *next = chunk->next;
+        free_chunk(area, chunk);
+        chunk = next;
+    }
+    area->chunks = nullptr;
+    area->allocated = 0;
+    area->desired = 0;
+    stg_free(area);
+    *handle = STG_AREA_NULL;
+}
+
+void stg_dump_area(stg_area_t area)
+{
+    if (!is_real_area(area))
+        return;
+    unsigned long allocd = 0, used = 0;
+    int count = 0;
+    for (const stg_chunk *c = area->chunks; c; c = c->next) {
+        allocd += c->size;
+        used += c->used;
+        count++;
+    }
+    imsg_print(IMSG_OK, &_stg_ks_msg_table, MSG_DUMP_AREA, (unsigned long)area, allocd, used,
+               count, (unsigned long)area->first_size, (unsigned long)area->base_incr,
+               (unsigned long)area->desired, static_cast<double>(area->growth));
+    // "avail" shows the bytes used: the line has always read that way.
+    for (const stg_chunk *c = area->chunks; c; c = c->next)
+        imsg_print(IMSG_OK, &_stg_ks_msg_table, MSG_DUMP_CHUNK, (unsigned long)c,
+                   (unsigned long)c->size, (unsigned long)c->used, (unsigned long)c->data,
+                   (unsigned long)c->next);
+}
+
+void stg_dump(void)
+{
+    for (stg_area_rec *a = area_head; a; a = a->next_area)
+        stg_dump_area(a);
+}
+
+} // extern "C"

@@ -1,0 +1,194 @@
+// The reporting heap wrappers: malloc and friends that print "No more memory
+// available." and set ENOMEM on failure, and that, while "ks/stg" is traced at
+// level 1, keep a size header and a guard of 0xAA bytes around every block so
+// that overruns are found when the block is reallocated or freed.
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "ks/imsg.h"
+#include "ks/stg.h"
+#include "stg_internal.h"
+
+namespace ks {
+
+void (*stg_release_hook)(const void *block, size_t len) = nullptr;
+
+bool stg_traced(int level)
+{
+    return imsg_desired_verbosity >= level && imsg_should_trace("ks/stg", level);
+}
+
+} // namespace ks
+
+namespace {
+
+// Message indices of the stg table.
+enum {
+    MSG_NO_MEMORY = 1,
+    MSG_END_OVERWRITTEN = 2,
+    MSG_HEAP_ALLOCATED = 3,
+    MSG_HEAP_FREEING = 4,
+    MSG_HEAP_REALLOCATED = 13
+};
+
+constexpr size_t header_size = 8;
+constexpr unsigned char user_fill = 0xFF;
+constexpr unsigned char guard_fill = 0xAA;
+
+// The heap traces print through the message layer, which may itself take
+// memory from here; a trace issued from inside another would never end.
+int tracing;
+
+size_t round8(size_t n) { return (n + 7) & ~static_cast<size_t>(7); }
+
+// Bytes the debugging heap takes for n user bytes, 0 when that overflows.
+size_t debug_block_size(size_t n)
+{
+    if (n > SIZE_MAX - 2 * header_size - 7)
+        return 0;
+    return round8(n) + 2 * header_size;
+}
+
+bool heap_traced()
+{
+    return tracing == 0 && ks::stg_traced(5);
+}
+
+void report_no_memory()
+{
+    imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_NO_MEMORY);
+    errno = ENOMEM;
+}
+
+// The size stored in the header of a debugging block (its user pointer p).
+size_t debug_size(const void *p)
+{
+    uint64_t n;
+    memcpy(&n, static_cast<const unsigned char *>(p) - header_size, sizeof n);
+    return static_cast<size_t>(n);
+}
+
+void write_header_and_guard(unsigned char *block, size_t n)
+{
+    uint64_t stored = n;
+    memcpy(block, &stored, sizeof stored);
+    memset(block + header_size + n, guard_fill, round8(n) - n + header_size);
+}
+
+// Reports the first guard byte of block p that is no longer 0xAA.
+void check_guard(const void *p)
+{
+    size_t n = debug_size(p);
+    const unsigned char *guard = static_cast<const unsigned char *>(p) + n;
+    size_t len = round8(n) - n + header_size;
+    for (size_t i = 0; i < len; i++) {
+        if (guard[i] != guard_fill) {
+            imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_END_OVERWRITTEN,
+                       (unsigned long)p, (unsigned long)(guard + i));
+            return;
+        }
+    }
+}
+
+} // namespace
+
+extern "C" {
+
+void *stg_malloc(size_t size)
+{
+    if (size == 0)
+        size = 1;
+    void *result = nullptr;
+    if (ks::stg_traced(1)) {
+        size_t total = debug_block_size(size);
+        unsigned char *block = total ? static_cast<unsigned char *>(malloc(total)) : nullptr;
+        if (block) {
+            memset(block + header_size, user_fill, size);
+            write_header_and_guard(block, size);
+            result = block + header_size;
+        }
+    } else {
+        result = malloc(size);
+    }
+    if (!result)
+        report_no_memory();
+    if (heap_traced()) {
+        int saved = errno;
+        tracing++;
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_HEAP_ALLOCATED,
+                   (unsigned long)result, (unsigned)size);
+        tracing--;
+        errno = saved;
+    }
+    return result;
+}
+
+void *stg_realloc(void *p, size_t size)
+{
+    if (size == 0)
+        size = 1;
+    void *result = nullptr;
+    if (ks::stg_traced(1)) {
+        if (p)
+            check_guard(p);
+        size_t total = debug_block_size(size);
+        unsigned char *old = p ? static_cast<unsigned char *>(p) - header_size : nullptr;
+        unsigned char *block = total ? static_cast<unsigned char *>(realloc(old, total)) : nullptr;
+        if (block) {
+            write_header_and_guard(block, size);
+            result = block + header_size;
+        }
+    } else {
+        result = realloc(p, size);
+    }
+    if (!result)
+        report_no_memory();
+    if (heap_traced()) {
+        int saved = errno;
+        tracing++;
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_HEAP_REALLOCATED,
+                   (unsigned long)p, (unsigned long)result, (unsigned)size);
+        tracing--;
+        errno = saved;
+    }
+    return result;
+}
+
+void stg_free(void *p)
+{
+    if (heap_traced()) {
+        tracing++;
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_HEAP_FREEING, (unsigned long)p);
+        tracing--;
+    }
+    if (!p)
+        return;
+    if (!ks::stg_traced(1)) {
+        free(p);
+        return;
+    }
+    check_guard(p);
+    unsigned char *block = static_cast<unsigned char *>(p) - header_size;
+    size_t total = round8(debug_size(p)) + 2 * header_size;
+    // Freed blocks read as this double, so a stale pointer's data stands out.
+    const double dead = 3735928559.0;
+    unsigned char pattern[sizeof dead];
+    memcpy(pattern, &dead, sizeof pattern);
+    for (size_t i = 0; i < total; i += sizeof pattern)
+        memcpy(block + i, pattern, sizeof pattern);
+    if (ks::stg_release_hook)
+        ks::stg_release_hook(block, total);
+    free(block);
+}
+
+char *stg_strdup(const char *s)
+{
+    size_t len = strlen(s) + 1;
+    char *copy = static_cast<char *>(stg_malloc(len));
+    if (copy)
+        memcpy(copy, s, len);
+    return copy;
+}
+
+} // extern "C"

@@ -4,8 +4,9 @@
 //
 //   ks_msggen MODULE.msg OUT.cpp
 //
-// Directives read besides gencat's own: "$ subsystem NAME" and "$ table NAME"
-// (the C name of the record; default _<file stem>_ks_msg_table).
+// Directives read besides gencat's own: "$ subsystem NAME", "$ table NAME"
+// (the C name of the record; default _<file stem>_ks_msg_table) and
+// "$ catalog NAME" (default "ks_lib"), for tools with catalogues of their own.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -98,7 +99,7 @@ int main(int argc, char **argv)
         fail(path, 0, "cannot open");
     std::string stem = path.substr(path.find_last_of('/') + 1);
     stem = stem.substr(0, stem.rfind('.'));
-    std::string table = "_" + stem + "_ks_msg_table", subsys;
+    std::string table = "_" + stem + "_ks_msg_table", subsys, catalog = "ks_lib";
     int set = -1, lineno = 0;
     char quote = 0;
     std::vector<entry> entries;
@@ -126,6 +127,8 @@ int main(int argc, char **argv)
                     subsys = arg;
                 else if (word == "table")
                     table = arg;
+                else if (word == "catalog")
+                    catalog = arg;
             } else {
                 ws >> word;
                 if (word == "set")
@@ -167,7 +170,7 @@ int main(int argc, char **argv)
         out << (i % 12 ? " " : "\n    ") << entries[i].number << ",";
     out << "\n};\n} // namespace\n\n"
         << "extern \"C\" KS_API const imsg_msg_table_t " << table << " = {\n"
-        << "    \"ks_lib\", " << c_literal(subsys) << ", " << set << ", "
+        << "    " << c_literal(catalog) << ", " << c_literal(subsys) << ", " << set << ", "
         << entries.size() << ", texts, numbers,\n};\n";
     return out ? 0 : 1;
 }

@@ -147,11 +147,14 @@ KS_API int imsg_should_trace_subsys(const char *subsystem);
 /* The text to use for a message: the catalogue's, else the built-in one. */
 KS_API const char *cat_extractmsg(const void *table, int index);
 
-/* Whether output goes to a graphical front end (never, without one installed). */
+/* 1 when the process runs under a graphical or web front end
+ * (ks_force_gui() or ks_web_gui()), else 0. */
 KS_API int imsg_in_gui(void);
-/* Shows text as a message of type and waits for the user to proceed.
- * default_choice and choices are the front end's (2: proceed only).
- * Returns 0 once the user answered (or when there is no terminal to ask). */
+/* Shows text as a message of type, then reads one line from standard input
+ * when it is a terminal.  choices: bit 1 allows abort, bit 2 proceed.
+ * Returns 1 (abort) for an answer that starts the word "abort", for an empty
+ * answer when default_choice is 1, or at end of input, all only when abort is
+ * allowed; else 0 (proceed), also when there is no terminal to ask. */
 KS_API int imsg_prompt_proceed(int type, const char *text, int default_choice, int choices);
 
 KS_END_DECLS

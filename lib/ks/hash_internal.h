@@ -1,0 +1,125 @@
+// The hash table's records and the cell engine shared by the per-key-kind
+// files (hash_int, hash_str, hash_flen).  Never installed.
+#ifndef KS_HASH_INTERNAL_H
+#define KS_HASH_INTERNAL_H
+
+#include "ks/hash.h"
+#include "ks/stg.h"
+
+#include <stdint.h>
+#include <string.h>
+
+struct hash_cell {
+    hash_cell *next;            // bucket chain
+    union {
+        const void *ptr;        // string and fixed-length keys
+        int32_t ival;           // integer keys live in the cell
+    } key;
+    uint32_t hval;              // full hash, before reduction
+    // data_bytes of data follow at offset sizeof(hash_cell)
+};
+
+// Ordered tables put these two links in front of every cell.
+struct hash_order_links {
+    hash_cell *order_next;
+    hash_cell *order_back;
+};
+
+struct hash_table {
+    hash_cell **buckets;        // heap
+    stg_area_t area;
+    uint32_t cells;
+    hash_cell *first;
+    hash_cell *last;
+    hash_cell *free_cells;
+    uint32_t data_bytes;
+    uint32_t key_bytes;
+    uint32_t nbuckets;
+    uint32_t limit;
+    uint32_t climit;
+    int32_t key_type;
+    int32_t copy_keys;
+    int32_t ordered;
+    hash_fn_t hash;
+    hash_compare_fn_t compare;
+    // Engine bookkeeping, after the described fields.
+    int32_t made_cells;         // set once the first cell is taken from the area
+    const void *null_key;       // stands in for a null fixed-length key
+};
+
+struct hash_cursor {
+    uint32_t bucket;
+    hash_cell *cell;
+};
+
+namespace ks {
+namespace hashimpl {
+
+inline void *cell_data(hash_cell *c)
+{
+    return reinterpret_cast<char *>(c) + sizeof(hash_cell);
+}
+
+inline hash_order_links *links(hash_cell *c)
+{
+    return reinterpret_cast<hash_order_links *>(reinterpret_cast<char *>(c) - sizeof(hash_order_links));
+}
+
+// Built-in procedures.
+uint32_t int_hash(const void *key);
+int int_compare(const void *stored, const void *probe);
+uint32_t str_hash(const void *key);
+int str_compare(const void *stored, const void *probe);
+uint32_t str_hash_nospace(const void *key);
+int str_compare_nospace(const void *stored, const void *probe);
+
+inline uint32_t int_hash_value(int32_t k)
+{
+    return static_cast<uint32_t>(k >> 2);
+}
+
+inline uint32_t str_hash_value(const char *s)
+{
+    uint32_t h = 0;
+    for (; *s; s++) {
+        uint32_t c = static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*s)));
+        h = h + (c ^ (h << 7));
+    }
+    return h;
+}
+
+inline uint32_t bytes_hash_value(const void *key, uint32_t n)
+{
+    const unsigned char *p = static_cast<const unsigned char *>(key);
+    uint32_t h = 0;
+    for (uint32_t i = 0; i < n; i++)
+        h = h + ((h << 7) ^ p[i]);
+    return h;
+}
+
+// Takes a cell (recycled or new), links it into the order chain and its
+// bucket, counts it and grows the table when the limit is passed.  The caller
+// has not yet stored the key: it fills key and data through the result.
+// Null only when the area is exhausted.
+hash_cell *add_cell(hash_table_t *t, uint32_t hval);
+// Unlinks the cell behind *link (a bucket slot or a next field) and puts it
+// on the free list.
+void release_cell(hash_table_t *t, hash_cell **link);
+// Growth step: the first prime above nbuckets, capped.
+void grow(hash_table_t *t);
+// The "Unexpected error in hash package." notice.
+void report_unexpected();
+// Cursor-driven scans shared by the per-kind scanners.
+int scan_next(hash_table_t *t, hash_cursor_t **cursor, hash_cell **cell);
+int scan_next_in_order(hash_table_t *t, hash_cursor_t **cursor, hash_cell **cell);
+
+inline void set_outs(hash_cell *c, void **data)
+{
+    if (data)
+        *data = c ? cell_data(c) : nullptr;
+}
+
+} // namespace hashimpl
+} // namespace ks
+
+#endif

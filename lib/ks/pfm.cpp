@@ -179,6 +179,7 @@ void deliver_deferred()
 {
     if (pfm_pending_count == 0)
         return;
+    PFM_CHECK(pfm_inh_count == 0, "pfm_inh_count == 0");
     sigset_t old;
     sigprocmask(SIG_BLOCK, &all_async_signals, &old);
     last_inh_signal = 0;

@@ -28,6 +28,17 @@ KS_BEGIN_DECLS
 
 typedef void (*pfm_signal_t)(int sig);
 
+/* The jump buffer saves the signal mask.  A strict ISO C build (-std=c99)
+ * does not see the POSIX names, but glibc's sigjmp_buf is the same record as
+ * jmp_buf and __sigsetjmp is always declared. */
+#if defined(__GLIBC__) && !defined(__USE_POSIX)
+typedef jmp_buf pfm_sigjmp_buf_t;
+#define PFM_SIGSETJMP(env, savemask) __sigsetjmp((env), (savemask))
+#else
+typedef sigjmp_buf pfm_sigjmp_buf_t;
+#define PFM_SIGSETJMP(env, savemask) sigsetjmp((env), (savemask))
+#endif
+
 #define MAGIC_SET 0xFA01BEEFu     /* armed, on the chain */
 #define MAGIC_TRIPPED 0x05FE4110u /* taken off the chain */
 
@@ -39,7 +50,7 @@ typedef void (*pfm_signal_t)(int sig);
 typedef struct pfm_cleanup_rec {
     uint32_t magic;
     struct pfm_cleanup_rec *prev;
-    sigjmp_buf jmpbuf;
+    pfm_sigjmp_buf_t jmpbuf;
     int32_t inh;
     int32_t inh_susp;
     int32_t value;
@@ -47,7 +58,7 @@ typedef struct pfm_cleanup_rec {
 
 /* Arms rec (0) or reports the value an unwind brought back to it. */
 #define PFM_CLEANUP_START(rec, inhibit) \
-    ((rec)->value = sigsetjmp((rec)->jmpbuf, 1), pfm_cleanup_start((rec), (inhibit)))
+    ((rec)->value = PFM_SIGSETJMP((rec)->jmpbuf, 1), pfm_cleanup_start((rec), (inhibit)))
 
 /* Fails with the expression text, the source name and the line. */
 #define PFM_ASSERT(expr) ((expr) ? (void)0 : pfm_assert_fail(#expr, __FILE__, __LINE__))

@@ -25,6 +25,10 @@ enum {
 
 // No single increment may exceed this, whatever the growth factor.
 constexpr uint32_t max_increment = 102400;
+// Chunk sizes and counters are 32-bit: no bigger block can be had.
+constexpr size_t max_block = UINT32_MAX - 7;
+
+uint32_t round8(uint32_t n) { return (n + 7) & ~static_cast<uint32_t>(7); }
 
 stg_area_rec *area_head;
 stg_area_rec *area_tail;
@@ -140,6 +144,50 @@ void free_chunk(stg_area_rec *area, stg_chunk *chunk)
     stg_free(chunk);
 }
 
+// Everything stg_alloc does beyond bumping the newest chunk.
+[[gnu::noinline]] void *alloc_slow(stg_area_t area, size_t size)
+{
+    if (area == STG_AREA_HEAP)
+        return stg_malloc(size);
+    if (area == STG_AREA_NULL) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    if (size > max_block) {
+        imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_NO_MEMORY);
+        errno = ENOMEM;
+        return nullptr;
+    }
+    uint32_t need = round8(static_cast<uint32_t>(size));
+
+    stg_chunk *chunk = area->chunks;
+    if (chunk && need > chunk->size - chunk->used) {
+        // The oldest chunk with room, so that the newest keeps its space for
+        // the common case of the next small request.
+        stg_chunk *found = nullptr;
+        for (stg_chunk *c = chunk->next; c; c = c->next)
+            if (need <= c->size - c->used)
+                found = c;
+        chunk = found;
+    }
+    if (!chunk) {
+        chunk = new_chunk(area, need);
+        if (!chunk)
+            return nullptr;
+    }
+
+    unsigned char *result = chunk->data + chunk->used;
+    if (ks::stg_traced(1)) {
+        size_t len = ks::stg_traced(2) ? chunk->size - chunk->used : need;
+        check_fill(area, result, len);
+    }
+    chunk->used += need;
+    if (ks::stg_traced(5))
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_AREA_ALLOCATED,
+                   (unsigned long)area, (unsigned long)result, (unsigned)need);
+    return result;
+}
+
 } // namespace
 
 namespace ks {
@@ -198,45 +246,20 @@ void stg_set_zero(stg_area_t area)
 
 void *stg_alloc(stg_area_t area, size_t size)
 {
-    if (area == STG_AREA_HEAP)
-        return stg_malloc(size);
-    if (area == STG_AREA_NULL) {
-        errno = EINVAL;
-        return nullptr;
+    // The common case, kept to a few instructions: a real area with room in
+    // its newest chunk and tracing off (a verbosity not yet read from the
+    // environment takes the long way).
+    if (reinterpret_cast<uintptr_t>(area) > reinterpret_cast<uintptr_t>(STG_AREA_HEAP) &&
+        size <= max_block) {
+        uint32_t need = round8(static_cast<uint32_t>(size));
+        stg_chunk *chunk = area->chunks;
+        if (chunk && need <= chunk->size - chunk->used && imsg_desired_verbosity < 1) {
+            unsigned char *result = chunk->data + chunk->used;
+            chunk->used += need;
+            return result;
+        }
     }
-    uint64_t need = (static_cast<uint64_t>(size) + 7) & ~static_cast<uint64_t>(7);
-    if (size > UINT32_MAX) {
-        imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_NO_MEMORY);
-        errno = ENOMEM;
-        return nullptr;
-    }
-
-    stg_chunk *chunk = area->chunks;
-    if (chunk && chunk->used + need > chunk->size) {
-        // The oldest chunk with room, so that the newest keeps its space for
-        // the common case of the next small request.
-        stg_chunk *found = nullptr;
-        for (stg_chunk *c = chunk->next; c; c = c->next)
-            if (c->used + need <= c->size)
-                found = c;
-        chunk = found;
-    }
-    if (!chunk) {
-        chunk = new_chunk(area, need);
-        if (!chunk)
-            return nullptr;
-    }
-
-    unsigned char *result = chunk->data + chunk->used;
-    if (ks::stg_traced(1)) {
-        size_t len = ks::stg_traced(2) ? chunk->size - chunk->used : static_cast<size_t>(need);
-        check_fill(area, result, len);
-    }
-    chunk->used += static_cast<uint32_t>(need);
-    if (ks::stg_traced(5))
-        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_AREA_ALLOCATED,
-                   (unsigned long)area, (unsigned long)result, (unsigned)need);
-    return result;
+    return alloc_slow(area, size);
 }
 
 char *stg_area_strdup(stg_area_t area, const char *s)

@@ -119,15 +119,19 @@ KS_API void date_init(void);
 /* The product grammar, then ISO 8601; incomplete dates resolve to the past. */
 KS_API int date_str_to_time(const char *str, time_t *t);
 /* As date_str_to_time; direction 0 resolves incomplete dates to the past,
- * 1 to the future.
+ * any other value to the future.
  *
- * ISO 8601 fields that the text leaves out take the current local value;
- * when the resulting time lies on the wrong side of now for the direction
- * (after now for the past, before now for the future) it moves by one unit
- * of the largest absent field (a century, year, month, week or day; hours
- * are never absent once a date is given, a time alone moves by a day).
- * Absent time fields after the last given one are 0; a date alone is
- * midnight.  A zone designator makes the fields UTC plus the offset. */
+ * ISO 8601 fields that the text leaves out: those above the most significant
+ * field given take the current value (in the text's zone), those below the
+ * least significant one their first value (a date alone is midnight, "2004"
+ * is 1 January).  When the result lies on the wrong side of now (after it for
+ * the past, before it for the future) it moves by one unit of the field just
+ * above the given ones: "--12-01" on 15 November 2026 gives 1 December 2025
+ * in the past direction, "T14:00" at 13:00 gives yesterday's 14:00, "99-01-01"
+ * gives 1999.  A weekday alone ("-W-3") is the nearest such day, 0 to 6 days
+ * back or ahead.  A day past its month's end, a day of year past its year's
+ * end and 24:00 with minutes or seconds are refused.  A zone designator makes
+ * the fields UTC plus its offset; without one they are local time. */
 KS_API int date_str_to_time2(const char *str, int direction, time_t *t);
 /* The product grammar alone (no ISO 8601), direction as date_str_to_time2. */
 KS_API int date_str_to_time_legacy(const char *str, int direction, time_t *t);

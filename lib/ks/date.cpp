@@ -799,7 +799,7 @@ void default_iso_data(iso_data *d, int direction)
     if (high == L_COUNT) {
         // Nothing but a weekday: a day near today, at midnight.
         high = L_HOUR;
-        low = L_HOUR - 1;
+        low = L_HOUR;
     }
     struct tm now;
     if (!now_in_zone(d, &now))

@@ -105,6 +105,7 @@ TEST(MaxFds, SoftLimitCappedAtTheSetSize)
             return 77;
         return sysutl_get_max_fds() == KS_FD_SETSIZE ? 0 : 1;
     });
-    if (r.exit_code() != 77)
+    if (r.exit_code() != 77) {
         EXPECT_EQ(r.exit_code(), 0);
+    }
 }

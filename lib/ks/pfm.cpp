@@ -437,6 +437,9 @@ int pfm_cleanup_reset(pfm_cleanup_t *cl_rec)
 void pfm_on_exit(pfm_exit_handler_t fn, void *arg)
 {
     ensure_init();
+    // No procedure, nothing to run: an empty entry would only crash the exit.
+    if (fn == nullptr)
+        return;
     struct on_exit_entry *entry = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry));
     PFM_CHECK(entry != nullptr, "(new = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry))) != NULL");
     entry->proc = fn;

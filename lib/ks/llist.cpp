@@ -5,6 +5,9 @@
 
 namespace {
 
+// As PFM_ASSERT, naming the source file without the build's directories.
+#define LLIST_ASSERT(expr) ((expr) ? (void)0 : pfm_assert_fail(#expr, __FILE_NAME__, __LINE__))
+
 // A zero-filled head (a static or calloc'ed record) is an empty list that
 // nobody has set up yet.
 inline void init_head(llist_d_node_t *head)
@@ -25,7 +28,7 @@ inline void link_before(llist_d_node_t *node, llist_d_node_t *pos)
 
 inline void *unlink(llist_d_node_t *elem)
 {
-    PFM_ASSERT(elem->next != NULL && elem->prev != NULL);
+    LLIST_ASSERT(elem->next != NULL && elem->prev != NULL);
     elem->prev->next = elem->next;
     elem->next->prev = elem->prev;
     void *data = elem->data;
@@ -70,7 +73,7 @@ KS_API void *llist_d_remove(llist_d_node_t *node)
 KS_API void llist_d_remove_list(llist_d_node_t *head)
 {
     llist_d_node_t *elem = head;
-    PFM_ASSERT(elem->next != NULL && elem->prev != NULL);
+    LLIST_ASSERT(elem->next != NULL && elem->prev != NULL);
     while (head->next != head)
         unlink(head->next);
 }

@@ -715,7 +715,8 @@ char *strutl_expand_evs_status(const char *str, int *flag)
 {
     if (flag)
         *flag = 0;
-    STRUTL_ASSERT(str != NULL);
+    const char *s = str;
+    STRUTL_ASSERT(s != NULL);
     stg_area_t area = stg_create_area(1024);
     if (area == STG_AREA_NULL)
         return nullptr;

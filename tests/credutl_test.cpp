@@ -611,10 +611,11 @@ TEST(CredutlConvert, CopyAndTheDeliberatelyPartialFree)
 TEST(CredutlConvert, CredentialTexts)
 {
     char buf[CREDUTL_CREDENTIALS_STR_SIZE];
-    memset(buf, 'x', sizeof buf);
+    strcpy(buf, "cred: ");
     credutl_credentials_t c = cred_of(0, 0xFFFFFFFEu, {});
-    EXPECT_STREQ("UID: 0 GID: -2 ", credutl_credentials_to_str(&c, buf));
+    EXPECT_STREQ("cred: UID: 0 GID: -2 ", credutl_credentials_to_str(&c, buf)) << "the texts are appended";
     c = cred_of(1, 2, {3, 40});
+    buf[0] = '\0';
     EXPECT_EQ(buf, credutl_credentials_to_str(&c, buf));
     EXPECT_STREQ("UID: 1 GID: 2 Groups: 3 40 ", buf);
 
@@ -622,9 +623,11 @@ TEST(CredutlConvert, CredentialTexts)
     credutl_credentials_to_sid_credentials(&c, &sc);
     sc.groups[2] = sid_from({3, 3, 0xab});
     sc.ngroups = 3;
+    buf[0] = '\0';
     EXPECT_STREQ("UID: UNIX:UID-1 GID: UNIX:GID-2 Groups: UNIX:GID-3 UNIX:GID-40 SID:3.ab ",
                  credutl_sid_credentials_to_str(&sc, buf));
     sc.ngroups = 0;
+    buf[0] = '\0';
     EXPECT_STREQ("UID: UNIX:UID-1 GID: UNIX:GID-2 ", credutl_sid_credentials_to_str(&sc, buf));
 
     // 32 groups of the longest SID text fit the documented size.
@@ -632,6 +635,7 @@ TEST(CredutlConvert, CredentialTexts)
         sc.groups[i] = sid_from({34, 0x80}, 0xff);
     }
     sc.ngroups = CREDUTL_NGROUPS_MAX;
+    buf[0] = '\0';
     EXPECT_LT(strlen(credutl_sid_credentials_to_str(&sc, buf)), sizeof buf);
 }
 
@@ -652,7 +656,7 @@ TEST(CredutlProcess, ReadsTheCredentialsOfThisProcess)
         credutl_sid_credentials_t sc;
         if (credutl_get_sid_credentials(&sc) != 0)
             return 4;
-        char buf[CREDUTL_CREDENTIALS_STR_SIZE];
+        char buf[CREDUTL_CREDENTIALS_STR_SIZE] = "";
         printf("sid %s\n", credutl_sid_credentials_to_str(&sc, buf));
         credutl_whole_credentials_t w;
         if (credutl_get_whole_credentials(&w) != 0)
@@ -800,6 +804,9 @@ TEST(CredutlNames, CrackFqName)
     credutl_crack_fq_name("/x", dom, sizeof dom, name, sizeof name);
     EXPECT_STREQ("", dom);
     EXPECT_STREQ("x", name);
+    credutl_crack_fq_name(nullptr, dom, sizeof dom, name, sizeof name);
+    EXPECT_STREQ("<unknown>", dom);
+    EXPECT_STREQ("", name);
 }
 
 TEST(CredutlNames, DoubleByteCharacterHidesABackslash)
@@ -974,7 +981,7 @@ TEST(CredutlLookup, StringCredentialsBothWays)
         credutl_string_credentials_to_credentials(&in, &back);
         printf("%d %d %s\n", static_cast<int>(back.uid), static_cast<int>(back.gid), groups_of(back).c_str());
         credutl_string_credentials_to_sid_credentials(&in, &sc);
-        char buf[CREDUTL_CREDENTIALS_STR_SIZE];
+        char buf[CREDUTL_CREDENTIALS_STR_SIZE] = "";
         printf("%s\n", credutl_sid_credentials_to_str(&sc, buf));
         return 0;
     });

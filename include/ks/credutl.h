@@ -248,11 +248,13 @@ KS_API int credutl_copy_string_credentials(const credutl_string_credentials_t *f
 /* Frees user, group and the ngroups names, then nulls the user pointer only:
  * group and ngroups keep their (now stale) values. */
 KS_API void credutl_free_string_credentials(credutl_string_credentials_t *cred);
-/* "UID: n GID: n " then "Groups: " and "n " per group, written at the start
- * of buf (CREDUTL_CREDENTIALS_STR_SIZE bytes); returns buf. */
+/* Appends "UID: n GID: n ", then "Groups: " and "n " per group, to the
+ * string in buf ("" to start; room for CREDUTL_CREDENTIALS_STR_SIZE bytes
+ * more); returns buf. */
 KS_API char *credutl_credentials_to_str(const credutl_credentials_t *cred, char *buf);
-/* "UID: sid GID: sid " then "Groups: " and "sid " per group (the SID texts),
- * written at the start of buf (CREDUTL_CREDENTIALS_STR_SIZE bytes); returns buf. */
+/* Appends "UID: sid GID: sid ", then "Groups: " and "sid " per group (the
+ * SID texts), to the string in buf ("" to start; room for
+ * CREDUTL_CREDENTIALS_STR_SIZE bytes more); returns buf. */
 KS_API char *credutl_sid_credentials_to_str(const credutl_sid_credentials_t *sidcred, char *buf);
 
 /* ---- Names and look-ups ---- */
@@ -272,7 +274,7 @@ KS_API credutl_group_sid_t *credutl_getgrgid(credutl_gid_t gid);
 /* Group record of a UNIX gid SID of length 7; module-wide record, or null. */
 KS_API credutl_group_sid_t *credutl_getgrsid(const credutl_sid_t *sid);
 /* Splits fqname at its first "/" or "\" into domain and name, each truncated
- * to its buffer; without a separator the domain is "<unknown>". */
+ * to its buffer; without a separator (or for null) the domain is "<unknown>". */
 KS_API void credutl_crack_fq_name(const char *fqname, char *domain, size_t domainsize,
                                   char *name, size_t namesize);
 /* This host's domain name, or "<unknown>" (module-wide buffer). */

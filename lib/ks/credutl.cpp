@@ -896,7 +896,7 @@ extern "C" void credutl_free_string_credentials(credutl_string_credentials_t *cr
 
 extern "C" char *credutl_credentials_to_str(const credutl_credentials_t *cred, char *buf)
 {
-    imsg_sprintf(buf, &_credutl_ks_msg_table, MSG_CRED_IDS, static_cast<int>(cred->uid), static_cast<int>(cred->gid));
+    imsg_sprintf(append(buf), &_credutl_ks_msg_table, MSG_CRED_IDS, static_cast<int>(cred->uid), static_cast<int>(cred->gid));
     int n = clamp_ngroups(cred->ngroups);
     if (n > 0) {
         imsg_sprintf(append(buf), &_credutl_ks_msg_table, MSG_GROUPS);
@@ -910,7 +910,7 @@ extern "C" char *credutl_sid_credentials_to_str(const credutl_sid_credentials_t 
 {
     char user[CREDUTL_SID_STR_SIZE];
     char group[CREDUTL_SID_STR_SIZE];
-    imsg_sprintf(buf, &_credutl_ks_msg_table, MSG_SID_IDS, credutl_sid_to_str(&sidcred->user, user),
+    imsg_sprintf(append(buf), &_credutl_ks_msg_table, MSG_SID_IDS, credutl_sid_to_str(&sidcred->user, user),
                  credutl_sid_to_str(&sidcred->group, group));
     int n = clamp_ngroups(sidcred->ngroups);
     if (n > 0) {
@@ -973,6 +973,8 @@ extern "C" credutl_group_sid_t *credutl_getgrsid(const credutl_sid_t *sid)
 extern "C" void credutl_crack_fq_name(const char *fqname, char *domain, size_t domainsize, char *name,
                                       size_t namesize)
 {
+    if (fqname == nullptr)
+        fqname = "";
     const char *sep = find_separator(fqname);
     if (sep == nullptr) {
         strutl_cpy_buf(domain, domainsize, UNKNOWN_DOMAIN);

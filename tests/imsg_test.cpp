@@ -418,7 +418,9 @@ TEST_F(Imsg, DaemonStateDrivesReopenDrainAndTimeStamps)
         ks::imsg_daemon_suspended = true;
         imsg_print(IMSG_ERROR, "suspended\n", -1);
         fflush(stdout);
-        fprintf(stderr, "%d %d|%s", reopen_calls, drain_calls, date_fmt_token_general(86400 + 3600, 0, 0, 0, 0));
+        char *stamp = date_fmt_token_general(86400 + 3600, 0, 0, 0, 0);
+        fprintf(stderr, "%d %d|%s", reopen_calls, drain_calls, stamp);
+        free(stamp);
         return 0;
     });
     size_t sp = r.err.find('|');
@@ -440,7 +442,10 @@ TEST_F(Imsg, PrintTimeWritesTheGeneralTokenForEvenTypes)
     char buf[512] = "";
     size_t n = fread(buf, 1, sizeof buf - 1, f);
     fclose(f);
-    std::string stamp = std::string(date_fmt_token_general(1700000000, 0, 0, 0, 0)) + " ";
+    char *token = date_fmt_token_general(1700000000, 0, 0, 0, 0);
+    ASSERT_NE(token, nullptr);
+    std::string stamp = std::string(token) + " ";
+    free(token);
     std::string want;
     for (int i = 0; i < 6; i++)
         want += stamp;

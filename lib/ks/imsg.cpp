@@ -638,12 +638,14 @@ void imsg_print_time(FILE *stream, int type)
     if (busy || !stream || type < 0 || type > IMSG_NOTE_CONT || type % 2 != 0)
         return;
     busy = true;
-    const char *s = date_fmt_token_general(ks::clock_time(), 0, 0, 0, 0);
-    if (s)
+    char *s = date_fmt_token_general(ks::clock_time(), 0, 0, 0, 0);
+    if (s) {
         fprintf(stream, "%s ", s);
-    else
+        free(s);
+    } else {
         imsg_print(IMSG_ERROR, &_imsg_ks_msg_table, IX_NULL_MESSAGE,
                    "imsg_print_time: date_fmt_token_general failed");
+    }
     busy = false;
 }
 

@@ -65,7 +65,8 @@ KS_API extern const imsg_msg_table_t _pfm_ks_msg_table;       /* "pfm", 19 */
 typedef void (*imsg_out_fn)(int type, const char *text);
 /* One output procedure per message type; all start as imsg_append_proc_default. */
 KS_API extern imsg_out_fn imsg_out_fns[IMSG_NTYPES];
-/* Writes the line with imsg_fputs to the stream of its type. */
+/* Writes the line with imsg_fputs to the stream of its type (the command log
+ * while one is open; a daemon time stamp first for the even types). */
 KS_API void imsg_append_proc_default(int type, const char *text);
 
 /* Trace level wanted (32767: not yet read from TRACE_VERBOSITY). */
@@ -73,7 +74,9 @@ KS_API extern int32_t imsg_desired_verbosity;
 /* ':'-separated traced subsystems or "*"; not copied; null: not yet read. */
 KS_API extern const char *imsg_desired_tsubsys;
 
-/* Prints message index of table (or the literal format table when index is -1). */
+/* Prints message index of table (or the literal format table when index is -1).
+ * Returns the length of the line; -1 after an internal-error message (null
+ * table or format, index out of range), with nothing else printed. */
 KS_API int32_t imsg_print(int type, const void *table, int index, ...);
 /* imsg_print under a caller-chosen subsystem name (shown with PRINT_SUBSYS). */
 KS_API int32_t imsg_print_shared(int type, const char *subsys, const void *table, int index, ...);
@@ -89,7 +92,11 @@ KS_API const char *imsg_prefix_format(int type, int with_subsystem);
 KS_API int imsg_suppress_prefix(int flag);
 /* Subsystem form of the prefix for the shared printers; returns the previous flag. */
 KS_API int imsg_output_subsys(int flag);
-/* Writes text, turning style sequences (0x01 0x01 digit letter) into terminal attributes. */
+/* Writes text, turning style sequences (0x01 0x01 digit letter) into terminal
+ * attributes (dropped unless stream is a terminal with TERM set and no-bold
+ * off).  With IMSG_IO_INTERLEAVE set, the other standard stream is flushed
+ * first, stream is flushed after, and a "||" marker in text is a flush point
+ * that is not written.  0, or EOF on a write error. */
 KS_API int imsg_fputs(const char *text, FILE *stream);
 /* The one-character writer handed to the terminal library. */
 KS_API int imsg_putchar(int c);
@@ -105,7 +112,9 @@ KS_API int imsg_vsprintf(char *buf, const void *table, int index, va_list ap);
 /* As imsg_snprintf with message tagging allowed (plain while tagging is off). */
 KS_API int imsg_snprintf_taggable(char *buf, size_t size, const void *table, int index, ...);
 KS_API int imsg_vsnprintf_taggable(char *buf, size_t size, const void *table, int index, va_list ap);
-/* A message with the prefix of the given type, formatted into buf. */
+/* A message with the prefix of the given type (trace time stamp included,
+ * no subsystem form) followed by its text, formatted into buf (size 0:
+ * unbounded); count as snprintf, or -1. */
 KS_API int imsg_snprintf_type(char *buf, size_t size, int type, const void *table, int index, ...);
 /* Formats into a buffer grown from start_size up to max_size; *result is freed with free. */
 KS_API int imsg_dynamic_len_snprintf(char **result, int start_size, int max_size,

@@ -485,13 +485,25 @@ TEST(StgArea, FailedAllocationLeavesTheAreaUnchanged)
         errno = 0;
         if (stg_alloc(a, SIZE_MAX / 2) != nullptr || errno != ENOMEM)
             return 1;
+        // Just past what 32-bit chunk sizes hold once rounded up.
+        errno = 0;
+        if (stg_alloc(a, UINT32_MAX - 6) != nullptr || errno != ENOMEM)
+            return 3;
         if (a->chunks != before || before->next || before->used != 8 || a->allocated != 104 ||
             a->desired != 100)
             return 2;
+        // No area at all: refused without a message.
+        errno = 0;
+        if (stg_alloc(STG_AREA_NULL, 8) != nullptr || errno != EINVAL)
+            return 4;
+        if (stg_free_area(STG_AREA_NULL, 1) != 0)
+            return 5;
+        stg_dump_area(STG_AREA_NULL);
         return 0;
     });
     EXPECT_EQ(r.exit_code(), 0) << r.err;
-    EXPECT_EQ(count_of(r.err, "No more memory available.\n"), 1u) << r.err;
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(count_of(r.err, "No more memory available.\n"), 2u) << r.err;
 }
 
 TEST(StgArea, FailedChunkAllocationLeavesTheAreaUnchanged)

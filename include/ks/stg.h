@@ -20,7 +20,8 @@ typedef struct stg_area_rec *stg_area_t;
 /* Pseudo-area: stg_alloc on it is stg_malloc; its blocks go back with stg_free. */
 #define STG_AREA_HEAP ((stg_area_t)1)
 
-/* New empty area whose first chunk will hold first_size bytes; 0 when out of memory. */
+/* New empty area; its first chunk, made by the first stg_alloc, holds first_size
+ * bytes (at most 102400, more for a larger first request).  0 when out of memory. */
 KS_API stg_area_t stg_create_area(uint32_t first_size);
 /* Size of the chunks after the first (growth, when set, applies from the third). */
 KS_API void stg_set_incr(stg_area_t area, uint32_t incr);
@@ -28,7 +29,8 @@ KS_API void stg_set_incr(stg_area_t area, uint32_t incr);
 KS_API void stg_set_growth(stg_area_t area, double factor);
 /* Chunks made or reset from now on are filled with 0x00 instead of 0xFF. */
 KS_API void stg_set_zero(stg_area_t area);
-/* size bytes (rounded up to 8) from the area, or null after "No more memory". */
+/* size bytes (rounded up to 8) from the area, valid until the area is freed;
+ * null after "No more memory" (area unchanged), or with EINVAL for a null area. */
 KS_API void *stg_alloc(stg_area_t area, size_t size);
 /* Copy of s in the area; null for a null s or when out of memory. */
 KS_API char *stg_area_strdup(stg_area_t area, const char *s);

@@ -45,9 +45,11 @@ void read_style_env()
 ks::date_tables tables;
 bool tables_ready;
 
+// White space of the portable character set (what isspace gives for these
+// bytes in every locale); other bytes may belong to multibyte characters.
 bool is_ascii_space(char c)
 {
-    return (unsigned char)c < 0x80 && isspace((unsigned char)c);
+    return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
 // Upper-cases src into dst without its white space, cutting only between
@@ -149,14 +151,16 @@ void fill_tables()
 // Index of the entry among count that carries name in any of its four forms.
 int match_keyword(const ks::date_keyword *entries, int count, const char *name)
 {
-    if (*name == '\0')
+    char first = *name;
+    if (first == '\0')
         return -1;
+    // Most names differ in their first byte: look at it before comparing.
     for (int i = 0; i < count; i++) {
         const ks::date_keyword &k = entries[i];
-        if ((k.loc_name[0] && strcmp(k.loc_name, name) == 0) ||
-            (k.loc_abbr[0] && strcmp(k.loc_abbr, name) == 0) ||
-            (k.cat_name[0] && strcmp(k.cat_name, name) == 0) ||
-            (k.cat_abbr[0] && strcmp(k.cat_abbr, name) == 0))
+        if ((k.loc_name[0] == first && strcmp(k.loc_name, name) == 0) ||
+            (k.loc_abbr[0] == first && strcmp(k.loc_abbr, name) == 0) ||
+            (k.cat_name[0] == first && strcmp(k.cat_name, name) == 0) ||
+            (k.cat_abbr[0] == first && strcmp(k.cat_abbr, name) == 0))
             return i;
     }
     return -1;
@@ -175,10 +179,40 @@ int days_in_month(long year, int month) // month 1..12
     return month == 2 && is_leap(year) ? 29 : days[month - 1];
 }
 
-bool local_now(struct tm *tm)
+// The local "now", broken down only when a text turns out to need it.
+struct lazy_now {
+    bool ready;
+    bool ok;
+    struct tm tm;
+    const struct tm *get()
+    {
+        if (!ready) {
+            ready = true;
+            time_t now = ks::clock_time();
+            ok = localtime_r(&now, &tm) != nullptr;
+        }
+        return ok ? &tm : nullptr;
+    }
+};
+
+// Upper-cases src into dst as strutl_cvt_case_string does; in a locale of
+// single-byte characters that is toupper byte by byte, done here directly.
+// Returns 1 when src does not fit.
+int upper_copy(char *dst, size_t size, const char *src)
 {
-    time_t now = ks::clock_time();
-    return localtime_r(&now, tm) != nullptr;
+    if (MB_CUR_MAX > 1)
+        return strutl_cvt_case_string(dst, size, src, STRUTL_CASE_UPPER);
+    const int32_t *upper = *__ctype_toupper_loc(); // toupper's own table
+    size_t i = 0;
+    for (; src[i] != '\0'; i++) {
+        if (i + 1 >= size) {
+            dst[i] = '\0';
+            return 1;
+        }
+        dst[i] = (char)upper[(unsigned char)src[i]];
+    }
+    dst[i] = '\0';
+    return 0;
 }
 
 // A whole, non-negative decimal field read with strutl_strtol.
@@ -212,7 +246,7 @@ struct legacy_date {
     long day;  // may step out of the month; mktime brings it back
 };
 
-bool legacy_parse_date(char *text, int direction, const struct tm &now, legacy_date *out)
+bool legacy_parse_date(char *text, int direction, lazy_now &clock, legacy_date *out)
 {
     char *month_text = split_at(text, tables.date_sep);
     if (month_text != nullptr) {
@@ -224,6 +258,9 @@ bool legacy_parse_date(char *text, int direction, const struct tm &now, legacy_d
         if (m < 0 || day < 1 || day > tables.months[m].value)
             return false;
         long year;
+        const struct tm *now = clock.get();
+        if (now == nullptr)
+            return false;
         if (year_text != nullptr) {
             long v;
             if (*year_text == '\0' || strutl_strtol(year_text, 10, &v) != 0 || v < 0)
@@ -236,9 +273,9 @@ bool legacy_parse_date(char *text, int direction, const struct tm &now, legacy_d
                 year = v < 69 ? 2000 + v : 1900 + v;
             }
         } else {
-            year = now.tm_year + 1900L;
-            bool after = m > now.tm_mon || (m == now.tm_mon && day > now.tm_mday);
-            bool before = m < now.tm_mon || (m == now.tm_mon && day < now.tm_mday);
+            year = now->tm_year + 1900L;
+            bool after = m > now->tm_mon || (m == now->tm_mon && day > now->tm_mday);
+            bool before = m < now->tm_mon || (m == now->tm_mon && day < now->tm_mday);
             if (direction == DATE_DIRECTION_PAST && after)
                 year--;
             else if (direction != DATE_DIRECTION_PAST && before)
@@ -252,21 +289,22 @@ bool legacy_parse_date(char *text, int direction, const struct tm &now, legacy_d
         return true;
     }
 
-    out->year = now.tm_year + 1900L;
-    out->month = now.tm_mon;
-    out->day = now.tm_mday;
     int s = match_keyword(tables.special, 2, text);
-    if (s >= 0) {
-        out->day += tables.special[s].value;
-        return true;
-    }
-    int w = match_keyword(tables.weekdays, 7, text);
-    if (w < 0)
+    int w = s >= 0 ? -1 : match_keyword(tables.weekdays, 7, text);
+    if (s < 0 && w < 0)
         return false;
-    if (direction == DATE_DIRECTION_PAST)
-        out->day -= (now.tm_wday - w + 7) % 7;
+    const struct tm *now = clock.get();
+    if (now == nullptr)
+        return false;
+    out->year = now->tm_year + 1900L;
+    out->month = now->tm_mon;
+    out->day = now->tm_mday;
+    if (s >= 0)
+        out->day += tables.special[s].value;
+    else if (direction == DATE_DIRECTION_PAST)
+        out->day -= (now->tm_wday - w + 7) % 7;
     else
-        out->day += (w - now.tm_wday + 7) % 7;
+        out->day += (w - now->tm_wday + 7) % 7;
     return true;
 }
 
@@ -350,7 +388,7 @@ int legacy_to_time(const char *str, int direction, time_t *result)
     if (strnlen(str, kMaxText + 1) > kMaxText)
         return 1;
     char buf[kMaxText + 1];
-    if (strutl_cvt_case_string(buf, sizeof buf, str, STRUTL_CASE_UPPER) != 0)
+    if (upper_copy(buf, sizeof buf, str) != 0)
         return 1;
     char *text = buf;
     while (is_ascii_space(*text))
@@ -373,9 +411,6 @@ int legacy_to_time(const char *str, int direction, time_t *result)
         return 0;
     }
 
-    struct tm now;
-    if (!local_now(&now))
-        return 1;
     char *date_text = nullptr;
     char *time_text = nullptr;
     char *rest = split_at(text, tables.field_sep);
@@ -390,12 +425,21 @@ int legacy_to_time(const char *str, int direction, time_t *result)
         date_text = text;
     }
 
-    legacy_date date = {now.tm_year + 1900L, now.tm_mon, now.tm_mday};
-    if (date_text != nullptr && !legacy_parse_date(date_text, direction, now, &date))
-        return 1;
+    // The time first: it needs no "now", and most texts of other forms fail there.
     legacy_time clock = {0, 0, 0, false, 0};
     if (time_text != nullptr && !legacy_parse_time(time_text, &clock))
         return 1;
+    lazy_now now = {false, false, {}};
+    legacy_date date;
+    if (date_text != nullptr) {
+        if (!legacy_parse_date(date_text, direction, now, &date))
+            return 1;
+    } else {
+        const struct tm *today = now.get();
+        if (today == nullptr)
+            return 1;
+        date = {today->tm_year + 1900L, today->tm_mon, today->tm_mday};
+    }
 
     struct tm tm;
     memset(&tm, 0, sizeof tm);
@@ -433,14 +477,14 @@ int count_digits(const char *p)
     return n;
 }
 
+// The value of n digits at p (the caller has checked that they are digits,
+// so this is what strtoul gives for a copy of them, without the copy).
 int32_t take(const char *p, int n)
 {
-    char copy[4];
-    memcpy(copy, p, (size_t)n);
-    copy[n] = '\0';
-    unsigned long v = 0;
-    strutl_strtoul(copy, 10, &v);
-    return (int32_t)v;
+    int32_t v = 0;
+    for (int i = 0; i < n; i++)
+        v = v * 10 + (p[i] - '0');
+    return v;
 }
 
 bool is_week_marker(char c)
@@ -802,7 +846,11 @@ void default_iso_data(iso_data *d, int direction)
         low = L_HOUR;
     }
     struct tm now;
-    if (!now_in_zone(d, &now))
+    memset(&now, 0, sizeof now);
+    bool need_now = false;
+    for (int l = 0; l < low; l++)
+        need_now = need_now || !given[l];
+    if (need_now && !now_in_zone(d, &now))
         memset(&now, 0, sizeof now);
     long year = now.tm_year + 1900L;
     // Above the most significant field given and in gaps: the current value;
@@ -867,7 +915,6 @@ int encode_iso_data(const iso_data *given, const iso_data *f, int direction, tim
     time_t t = fields_to_time(f, &tm);
     if (t == (time_t)-1)
         return 1;
-    time_t now = ks::clock_time();
 
     if (given->wday > 0) {
         // The nearest such weekday in the direction; today's own counts.
@@ -885,8 +932,9 @@ int encode_iso_data(const iso_data *given, const iso_data *f, int direction, tim
             high++;
         // Fields above the given ones came from now: when that lands on the
         // wrong side of now, move by one unit of the field just above.
+        time_t now = high > 0 && high < L_COUNT ? ks::clock_time() : t;
         bool wrong = direction == DATE_DIRECTION_PAST ? t > now : t < now;
-        if (high > 0 && high < L_COUNT && wrong) {
+        if (wrong) {
             int step = direction == DATE_DIRECTION_PAST ? -1 : 1;
             switch (high - 1) {
             case L_CENTURY: base.tm_year += 100 * step; break;

@@ -16,7 +16,10 @@ int kstool_id(int argc, char **argv)
     (void)argv;
     if (credutl_get_credentials(&cred) != 0 || credutl_get_sid_credentials(&sidcred) != 0)
         return 1;
+    /* The text routines append to what the buffer holds. */
+    text[0] = '\0';
     imsg_print(IMSG_OK, &_kstool_msg_table, KT_ID_NUMERIC, credutl_credentials_to_str(&cred, text));
+    text[0] = '\0';
     imsg_print(IMSG_OK, &_kstool_msg_table, KT_ID_SID, credutl_sid_credentials_to_str(&sidcred, text));
     if (credutl_credentials_to_string_credentials(&cred, &names) != 0)
         return 1;

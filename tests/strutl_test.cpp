@@ -391,7 +391,8 @@ std::vector<uint16_t> iconv_to_utf16(const std::string &utf8)
     iconv_close(cd);
     size_t bytes = out.size() - oleft;
     std::vector<uint16_t> units(bytes / 2);
-    memcpy(units.data(), out.data(), bytes);
+    if (bytes)
+        memcpy(units.data(), out.data(), bytes);
     return units;
 }
 

@@ -781,6 +781,11 @@ int strutl_utf16to8(char *dst, const wchar_t *src, size_t src_units, size_t dst_
     unsigned char *const end = d + dst_capacity;
     size_t i = 0;
     while (i < src_units) {
+        // Runs of ASCII need no length decision.
+        while (i < src_units && d < end && static_cast<uint32_t>(src[i]) < 0x80)
+            *d++ = static_cast<unsigned char>(src[i++]);
+        if (i == src_units)
+            break;
         uint32_t ch = static_cast<uint32_t>(src[i++]);
         if (ch >= 0xD800 && ch <= 0xDBFF && i < src_units) {
             uint32_t ch2 = static_cast<uint32_t>(src[i]);
@@ -829,6 +834,10 @@ int strutl_utf8to16(wchar_t *dst, const char *src, size_t src_bytes, size_t dst_
     wchar_t *const dend = dst + dst_capacity_units;
     int result = 0;
     while (s < send) {
+        while (s < send && d < dend && *s < 0x80)
+            *d++ = static_cast<wchar_t>(*s++);
+        if (s == send)
+            break;
         unsigned extra = trailing_bytes.v[*s];
         if (extra >= static_cast<size_t>(send - s)) {
             result = 1;

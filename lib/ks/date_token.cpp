@@ -32,6 +32,13 @@ void remove_blanks(char *s)
     *out = '\0';
 }
 
+char *put2(char *p, int v)
+{
+    p[0] = (char)('0' + v / 10 % 10);
+    p[1] = (char)('0' + v % 10);
+    return p + 2;
+}
+
 // Offset of local time from UTC as the ISO suffix.  Computed from the two
 // broken-down forms of t; when they fall on different days the earlier one's
 // hour is lifted by 24 (weekdays compared round the week, so that Saturday
@@ -59,7 +66,16 @@ void zone_text(time_t t, const struct tm *local, char *buf, size_t size)
     char sign = offset < 0 ? '-' : '+';
     if (offset < 0)
         offset = -offset;
-    snprintf(buf, size, "%c%02d%s%02d", sign, (int)(offset / 3600), ":", (int)(offset % 3600 / 60));
+    int hours = (int)(offset / 3600), minutes = (int)(offset % 3600 / 60);
+    if (hours > 99 || size < 7) {
+        snprintf(buf, size, "%c%02d%s%02d", sign, hours, ":", minutes);
+        return;
+    }
+    buf[0] = sign;
+    put2(buf + 1, hours);
+    buf[3] = ':';
+    put2(buf + 4, minutes);
+    buf[6] = '\0';
 }
 
 bool product_token(const struct tm *tm, int kind, bool utc, bool recent, char *out, size_t size)
@@ -85,6 +101,32 @@ bool product_token(const struct tm *tm, int kind, bool utc, bool recent, char *o
     return true;
 }
 
+// The ISO date-time text, written digit by digit: the daemon log stamps every
+// line with it, and it is the same text as
+// "%04d-%02d-%02dT%02d%s%02d%s%02d%s" with ":" and the zone.
+void iso_date_time(int year, const struct tm *tm, const char *zone, char *out, size_t size)
+{
+    size_t zlen = strlen(zone);
+    if (year < 0 || year > 9999 || zlen + 20 > size) {
+        snprintf(out, size, "%04d-%02d-%02dT%02d%s%02d%s%02d%s", year, tm->tm_mon + 1, tm->tm_mday,
+                 tm->tm_hour, ":", tm->tm_min, ":", tm->tm_sec, zone);
+        return;
+    }
+    char *p = put2(out, year / 100);
+    p = put2(p, year % 100);
+    *p++ = '-';
+    p = put2(p, tm->tm_mon + 1);
+    *p++ = '-';
+    p = put2(p, tm->tm_mday);
+    *p++ = 'T';
+    p = put2(p, tm->tm_hour);
+    *p++ = ':';
+    p = put2(p, tm->tm_min);
+    *p++ = ':';
+    p = put2(p, tm->tm_sec);
+    memcpy(p, zone, zlen + 1);
+}
+
 void iso_token(time_t t, const struct tm *tm, int kind, bool utc, bool recent, char *out, size_t size)
 {
     int year = tm->tm_year + 1900;
@@ -94,8 +136,7 @@ void iso_token(time_t t, const struct tm *tm, int kind, bool utc, bool recent, c
             snprintf(zone, sizeof zone, "Z");
         else
             zone_text(t, tm, zone, sizeof zone);
-        snprintf(out, size, "%04d-%02d-%02dT%02d%s%02d%s%02d%s", year, tm->tm_mon + 1, tm->tm_mday,
-                 tm->tm_hour, ":", tm->tm_min, ":", tm->tm_sec, zone);
+        iso_date_time(year, tm, zone, out, size);
     } else if (kind == DATE_TOKEN_SHORT && recent) {
         snprintf(out, size, "--%02d-%02dT%02d%s%02d", tm->tm_mon + 1, tm->tm_mday, tm->tm_hour, ":",
                  tm->tm_min);

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <locale.h>
+#include <pty.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -710,12 +711,41 @@ TEST_F(Imsg, GuiFollowsTheFrontEndSwitches)
     EXPECT_EQ(r.exit_code(), 1);
 }
 
-TEST_F(Imsg, PromptProceedReadsAnAnswerOnATerminal)
+TEST_F(Imsg, PromptProceedWithoutATerminalDoesNotRead)
 {
-    // Without a terminal on standard input nothing is read.
     auto r = ks_test::run_in_child([] { return imsg_prompt_proceed(IMSG_OK, "Go on?\n", 0, 3); }, "abort\n");
     EXPECT_EQ(r.exit_code(), 0);
     EXPECT_EQ(r.out, "Go on?\n");
+}
+
+// Answers typed on a real terminal: the child's standard input is the slave
+// side of a pseudo-terminal whose master already holds the lines.
+int prompt_with_answers(const char *answers, int default_choice, int choices, int prompts)
+{
+    int master, slave;
+    if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0)
+        return 100;
+    if (write(master, answers, strlen(answers)) < 0)
+        return 101;
+    dup2(slave, 0);
+    int code = 0;
+    for (int i = 0; i < prompts; i++)
+        code = code * 2 + imsg_prompt_proceed(IMSG_WARNING, "Go on?\n", default_choice, choices);
+    return code;
+}
+
+TEST_F(Imsg, PromptProceedReadsAnswersOnATerminal)
+{
+    // abort, proceed, empty (default proceed), "ABO" (a prefix of the word)
+    auto r = ks_test::run_in_child([] { return prompt_with_answers("abort\nproceed\n\nABO\n", 0, 3, 4); });
+    EXPECT_EQ(r.exit_code(), 0b1001);
+    EXPECT_EQ(r.err, "noname: Warning: Go on?\nnoname: Warning: Go on?\n"
+                     "noname: Warning: Go on?\nnoname: Warning: Go on?\n");
+    // An empty answer takes the default; abort is refused when not allowed.
+    r = ks_test::run_in_child([] { return prompt_with_answers("\nabort\n", 1, 3, 1); });
+    EXPECT_EQ(r.exit_code(), 1);
+    r = ks_test::run_in_child([] { return prompt_with_answers("abort\n\n", 1, 2, 2); });
+    EXPECT_EQ(r.exit_code(), 0);
 }
 
 } // namespace

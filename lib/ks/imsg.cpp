@@ -829,10 +829,10 @@ int imsg_dynamic_len_vsnprintf(char **result, int start_size, int max_size, cons
         }
         if (n >= sz)
             size = static_cast<double>(n) + 1;
-        else if (step >= 1.0 || static_cast<int>(size + step) > sz)
+        else if (step > 0)
             size += step;
         else
-            size = static_cast<double>(max_size) + 1; // no room to grow: give up below
+            size = static_cast<double>(max_size) + 1; // start equals max: nothing to grow into
         free(buf);
         if (size > max_size) {
             if (imsg_should_trace("ks/imsg", 1))

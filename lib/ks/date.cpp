@@ -385,9 +385,7 @@ int legacy_to_time(const char *str, int direction, time_t *result)
 {
     if (str == nullptr || *str == '\0')
         return 1;
-    if (strnlen(str, kMaxText + 1) > kMaxText)
-        return 1;
-    char buf[kMaxText + 1];
+    char buf[kMaxText + 1]; // a longer text does not fit and fails here
     if (upper_copy(buf, sizeof buf, str) != 0)
         return 1;
     char *text = buf;
@@ -402,11 +400,11 @@ int legacy_to_time(const char *str, int direction, time_t *result)
         if (is_ascii_space(text[i]))
             return 1;
 
-    if (strcmp(text, tables.none_word) == 0) {
+    if (text[0] == tables.none_word[0] && strcmp(text, tables.none_word) == 0) {
         *result = 0;
         return 0;
     }
-    if (strcmp(text, tables.now_word) == 0) {
+    if (text[0] == tables.now_word[0] && strcmp(text, tables.now_word) == 0) {
         *result = ks::clock_time();
         return 0;
     }

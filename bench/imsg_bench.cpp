@@ -49,7 +49,7 @@ int warm_up()
 double now_ns()
 {
     struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts); // CPU time: the machine is shared
     return ts.tv_sec * 1e9 + ts.tv_nsec;
 }
 

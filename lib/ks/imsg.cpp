@@ -503,10 +503,10 @@ int32_t imsg_print_sharedv_util(int type, int with_subsys, const char *subsys, c
                                 va_list ap)
 {
     // A copy: the unknown-type message below reuses the static prefix buffer.
-    char prefix_format[sizeof prefix_buf];
-    const char *pf = imsg_prefix_format(type, with_subsys);
-    PFM_ASSERT(pf != NULL);
-    snprintf(prefix_format, sizeof prefix_format, "%s", pf);
+    char pfx[sizeof prefix_buf];
+    const char *prefix_format = imsg_prefix_format(type, with_subsys);
+    PFM_ASSERT(prefix_format != NULL);
+    snprintf(pfx, sizeof pfx, "%s", prefix_format);
     if (!subsys)
         subsys = "";
 
@@ -530,7 +530,7 @@ int32_t imsg_print_sharedv_util(int type, int with_subsys, const char *subsys, c
 
     ensure_out_buf(first_out_buf_size);
 
-    int plen = format_prefix(out_buf_p, out_buf_size, prefix_format, type, with_subsys, subsys, ts);
+    int plen = format_prefix(out_buf_p, out_buf_size, pfx, type, with_subsys, subsys, ts);
     const char *fmt = find_text(table, index, "vsprintf");
     if (!fmt)
         return -1;
@@ -559,7 +559,7 @@ int32_t imsg_print_sharedv_util(int type, int with_subsys, const char *subsys, c
     if (total >= out_buf_size) {
         ensure_out_buf(total + 1);
         if (!prefix_fits)
-            format_prefix(out_buf_p, out_buf_size, prefix_format, type, with_subsys, subsys, ts);
+            format_prefix(out_buf_p, out_buf_size, pfx, type, with_subsys, subsys, ts);
         va_copy(aq, ap);
         vsnprintf(out_buf_p + pl, out_buf_size - pl, fmt, aq);
         va_end(aq);

@@ -145,6 +145,31 @@ TEST_P(DateZones, ZoneTextAroundMidnightAndTheWeekEnd)
     }
 }
 
+TEST_P(DateZones, IsoTokensMatchGnuDate)
+{
+    // One run of date(1) prints a list of times in this zone.
+    std::string cmd = "date -f - +%Y-%m-%dT%H:%M:%S%:z <<'EOF'\n";
+    std::vector<time_t> times;
+    for (time_t t = 946684800; t < 1900000000; t += 86400 * 97 + 3 * 3600 + 1234) {
+        times.push_back(t);
+        cmd += "@" + std::to_string((long long)t) + "\n";
+    }
+    cmd += "EOF\n";
+    FILE *p = popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    char line[128];
+    size_t i = 0;
+    while (fgets(line, sizeof line, p) != nullptr && i < times.size()) {
+        std::string want(line, strcspn(line, "\n"));
+        if (want.size() > 6 && want.compare(want.size() - 6, 6, "+00:00") == 0)
+            want.replace(want.size() - 6, 6, "Z");
+        EXPECT_EQ(token(date_fmt_token_general(times[i], DATE_TOKEN_DATE_TIME, DATE_STYLE_ISO, 0, 0)), want);
+        i++;
+    }
+    EXPECT_EQ(pclose(p), 0);
+    EXPECT_EQ(i, times.size());
+}
+
 TEST_P(DateZones, ProductTokensMatchStrftime)
 {
     for (time_t t = 946684800; t < 1900000000; t += 86400 * 5 + 3599) {

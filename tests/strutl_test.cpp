@@ -21,6 +21,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ks/imsg.h"
 #include "ks/pfm.h"
 #include "ks/stg.h"
 #include "ks_internal.h"
@@ -1157,6 +1158,19 @@ TEST(StrutlLists, PrintedThroughTheMessageLayer)
     EXPECT_NE(res.out.find("first\n"), std::string::npos) << res.out;
     EXPECT_NE(res.out.find("second\n"), std::string::npos) << res.out;
     EXPECT_EQ(res.err.find("first"), std::string::npos) << res.err;
+
+    res = run_in_child([] {
+        imsg_set_trace_verbosity(2);
+        imsg_set_trace_subsys("ks/strutl");
+        const char *list[] = {"traced one", "traced two", nullptr};
+        strutl_list_trace_print("ks/strutl", 2, list);
+        strutl_list_trace_print("ks/strutl", 3, list);  // above the level
+        return 0;
+    });
+    EXPECT_NE(res.err.find("traced one\n"), std::string::npos) << res.err;
+    EXPECT_NE(res.err.find("traced two\n"), std::string::npos) << res.err;
+    EXPECT_EQ(res.err.find("traced one"), res.err.rfind("traced one")) << res.err;
+    EXPECT_EQ(res.out, "");
 }
 
 // ---------------------------------------------------------------------------

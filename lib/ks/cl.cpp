@@ -115,20 +115,44 @@ void set_error(cl_handle *clh, int code)
     clh->etext = clh->word;
 }
 
+// Byte kinds for the splitter's fast path.  Bytes below 0x80 are single
+// characters in every locale we run under, and their white space is the
+// ASCII set; other bytes go through the locale.
+enum : unsigned char { K_PLAIN = 0, K_SPACE = 1, K_SPECIAL = 2, K_HIGH = 3 };
+
+struct byte_kinds {
+    unsigned char k[256];
+    constexpr byte_kinds() : k()
+    {
+        for (int c = 0x80; c < 256; c++)
+            k[c] = K_HIGH;
+        k[' '] = k['\t'] = k['\n'] = k['\v'] = k['\f'] = k['\r'] = K_SPACE;
+        k['\0'] = k['\\'] = k['"'] = k['\''] = K_SPECIAL;
+    }
+};
+constexpr byte_kinds kinds;
+
+unsigned char kind(const char *s)
+{
+    return kinds.k[(unsigned char)*s];
+}
+
 bool is_space(const char *s, int *len)
 {
-    unsigned char c = (unsigned char)*s;
-    // Visible ASCII is never white space in any locale we run under.
-    if (c > 0x20 && c < 0x7F) {
+    unsigned char k = kind(s);
+    if (k != K_HIGH) {
         *len = 1;
-        return false;
+        return k == K_SPACE;
     }
-    return strutl_test_char(s, STRUTL_CT_SPACE, len) != 0;
+    bool sp = strutl_test_char(s, STRUTL_CT_SPACE, len) != 0;
+    if (*len < 1)
+        *len = 1;
+    return sp;
 }
 
 int char_len(const char *s)
 {
-    if ((unsigned char)*s < 0x80 || MB_CUR_MAX == 1)
+    if (kind(s) != K_HIGH || MB_CUR_MAX == 1)
         return *s ? 1 : 0;
     return strutl_mblen(s);
 }
@@ -360,6 +384,9 @@ cl_handle_t *cl_parse_line(const char *line, int *error)
         for (int i = 0; i < n && p[i]; i++)
             *out++ = p[i];
         p += n;
+        // Ordinary characters need no decision: copy them in one go.
+        while (kind(p) == K_PLAIN)
+            *out++ = *p++;
     }
     if (in_word) {
         *out++ = '\0';

@@ -254,19 +254,44 @@ clp_hdl *make_handle(int argc, char **argv, const clp_flag_desc_t *desc, stg_are
     return h;
 }
 
+// Byte kinds for the splitter's fast path.  Bytes below 0x80 are single
+// characters in every locale we run under, and their white space is the
+// ASCII set; other bytes go through the locale.
+enum : unsigned char { K_PLAIN = 0, K_SPACE = 1, K_SPECIAL = 2, K_HIGH = 3 };
+
+struct byte_kinds {
+    unsigned char k[256];
+    constexpr byte_kinds() : k()
+    {
+        for (int c = 0x80; c < 256; c++)
+            k[c] = K_HIGH;
+        k[' '] = k['\t'] = k['\n'] = k['\v'] = k['\f'] = k['\r'] = K_SPACE;
+        k['\0'] = k['\\'] = k['"'] = k['\''] = K_SPECIAL;
+    }
+};
+constexpr byte_kinds kinds;
+
+unsigned char kind(const char *s)
+{
+    return kinds.k[(unsigned char)*s];
+}
+
 bool is_space(const char *s, int *len)
 {
-    unsigned char c = (unsigned char)*s;
-    if (c > 0x20 && c < 0x7F) {
+    unsigned char k = kind(s);
+    if (k != K_HIGH) {
         *len = 1;
-        return false;
+        return k == K_SPACE;
     }
-    return strutl_test_char(s, STRUTL_CT_SPACE, len) != 0;
+    bool sp = strutl_test_char(s, STRUTL_CT_SPACE, len) != 0;
+    if (*len < 1)
+        *len = 1;
+    return sp;
 }
 
 int char_len(const char *s)
 {
-    if ((unsigned char)*s < 0x80 || MB_CUR_MAX == 1)
+    if (kind(s) != K_HIGH || MB_CUR_MAX == 1)
         return *s ? 1 : 0;
     int n = strutl_mblen(s);
     return n < 1 ? 1 : n;
@@ -351,6 +376,9 @@ long get_next_token(const char **pp)
         int have = 0;
         while (have < n && p[have])
             have++;
+        // Ordinary characters that follow need no decision: take them together.
+        while (kind(p + have) == K_PLAIN)
+            have++;
         if (!put(&len, p, have))
             return -1;
         p += have;
@@ -365,9 +393,15 @@ void *area_alloc(stg_area_t area, size_t size)
     return area ? stg_alloc(area, size) : stg_malloc(size);
 }
 
-char *area_strdup(stg_area_t area, const char *s)
+// Copy of the first len bytes of s, NUL-terminated, in area (or the heap).
+char *area_copy(stg_area_t area, const char *s, size_t len)
 {
-    return area ? stg_area_strdup(area, s) : stg_strdup(s);
+    char *copy = static_cast<char *>(area ? stg_alloc(area, len + 1) : stg_malloc(len + 1));
+    if (copy) {
+        memcpy(copy, s, len);
+        copy[len] = '\0';
+    }
+    return copy;
 }
 
 void free_heap_words(char **argv, int n)
@@ -416,7 +450,7 @@ int split(const char *text, stg_area_t area, int *argc_out, char ***argv_out)
             argv = grown;
             cap = ncap;
         }
-        char *word = area_strdup(area, token_buf);
+        char *word = area_copy(area, token_buf, (size_t)len);
         if (word == nullptr) {
             if (!area)
                 free_heap_words(argv, n);

@@ -291,10 +291,11 @@ TEST(ClParseLine, QuotingTable)
         // The backslash does not protect a blank: its escape waits for the next character.
         {"a\\ \"b\"", {"a", "\"b"}},
         {"\\ x", {"", "x"}},
-        // An unescaped newline ends the line; an escaped one separates words.
+        // An unescaped newline ends the line, even inside quotes; an escaped one
+        // separates words outside quotes and is kept inside them.
         {"a b\nc d", {"a", "b"}},
         {"a\\\nb", {"a", "b"}},
-        {"\"a\nb\" c", {"a\nb", "c"}},
+        {"\"a\nb\" c", {"a"}},
         {"\"a\\\nb\"", {"a\nb"}},
         // An unterminated quote runs to the end of the line.
         {"\"a b", {"a b"}},

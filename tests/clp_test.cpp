@@ -639,6 +639,8 @@ TEST(ClpParseString, HandleOverAString)
     EXPECT_EQ(clp_get_argc(h), 0);
     EXPECT_EQ(clp_get_command_name(h, &arg), 0);
     EXPECT_EQ(arg, nullptr);
+    EXPECT_EQ(clp_get_next_flag_value(h, 0, &v), 2);
+    EXPECT_EQ(clp_get_next_arg(h, &arg), 2);
     clp_destroy_hdl(&h);
 }
 

@@ -366,8 +366,11 @@ cl_handle_t *cl_parse_line(const char *line, int *error)
                 continue;
             }
         } else {
+            // The first unescaped newline ends the line, quoted or not.
             if (escaped) {
                 escaped = false;
+            } else if (c == '\n') {
+                break;
             } else if (c == '\\') {
                 escaped = true;
                 p++;

@@ -574,8 +574,16 @@ clp_hdl_t *clp_create_hdl_using_string(const char *text, const clp_flag_desc_t *
     int argc = 0;
     char **argv = nullptr;
     clp_hdl *h = nullptr;
-    if (split(text, area, &argc, &argv) == 0)
-        h = make_handle(argc, argv, descriptors, area, owned);
+    if (split(text, area, &argc, &argv) == 0) {
+        // A text without words still gets a (null-terminated) vector, so that
+        // the handle reads as "no more words" rather than as a broken one.
+        if (argv == nullptr)
+            argv = static_cast<char **>(stg_alloc(area, sizeof(char *)));
+        if (argv != nullptr) {
+            argv[argc] = nullptr;
+            h = make_handle(argc, argv, descriptors, area, owned);
+        }
+    }
     if (h == nullptr && owned != STG_AREA_NULL)
         stg_delete_area(&owned);
     return h;
@@ -830,6 +838,8 @@ int clp_argv_to_string(int argc, char **argv, stg_area_t area, int escape, char 
 {
     if (text)
         *text = nullptr;
+    if (argv == nullptr || argc < 0)
+        argc = 0;
     size_t total = 1;
     for (int i = 0; i < argc; i++)
         total += strlen(argv[i] ? argv[i] : "") + 3;

@@ -104,7 +104,7 @@ hash_cell *add_cell(hash_table_t *t, uint32_t hval)
         t->last = c;
     }
     c->hval = hval;
-    hash_cell **slot = &t->buckets[hval % t->nbuckets];
+    hash_cell **slot = &t->buckets[bucket_index(t, hval)];
     c->next = *slot;
     *slot = c;
     t->cells++;
@@ -242,6 +242,7 @@ KS_API hash_table_t *hash_create_ht(uint32_t hint, uint32_t data_bytes, int key_
     memset(t, 0, sizeof *t);
     t->area = area;
     t->nbuckets = prime < HASH_MAX_BUCKETS ? prime : HASH_MAX_BUCKETS;
+    t->bucket_magic = bucket_magic_for(t->nbuckets);
     t->buckets = static_cast<hash_cell **>(stg_malloc(sizeof(hash_cell *) * t->nbuckets));
     if (!t->buckets) {
         out_of_memory();
@@ -295,11 +296,12 @@ KS_API int hash_resize(hash_table_t *table, uint32_t nbuckets)
     if (!nb)
         return 1;
     memset(nb, 0, sizeof(hash_cell *) * nbuckets);
+    uint64_t magic = bucket_magic_for(nbuckets);
     for (uint32_t b = 0; b < table->nbuckets; b++) {
         hash_cell *c = table->buckets[b];
         while (c) {
             hash_cell *next = c->next;
-            hash_cell **slot = &nb[c->hval % nbuckets];
+            hash_cell **slot = &nb[bucket_index(magic, nbuckets, c->hval)];
             c->next = *slot;
             *slot = c;
             c = next;
@@ -308,6 +310,7 @@ KS_API int hash_resize(hash_table_t *table, uint32_t nbuckets)
     stg_free(table->buckets);
     table->buckets = nb;
     table->nbuckets = nbuckets;
+    table->bucket_magic = magic;
     table->climit = climit_for(nbuckets, table->limit);
     return 0;
 }

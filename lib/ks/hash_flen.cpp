@@ -20,7 +20,7 @@ inline uint32_t hash_of(const hash_table_t *t, const void *key)
 // compared before the compare procedure (or memcmp) is called.
 inline hash_cell **find(hash_table_t *t, const void *key, uint32_t h)
 {
-    hash_cell **link = &t->buckets[h % t->nbuckets];
+    hash_cell **link = &t->buckets[bucket_index(t, h)];
     if (!t->compare) {
         for (; *link; link = &(*link)->next)
             if ((*link)->hval == h && memcmp((*link)->key.ptr, key, t->key_bytes) == 0)

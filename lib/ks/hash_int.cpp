@@ -11,7 +11,7 @@ enum action { look, enter, release };
 // to compare than the stored hash would be, so the compare comes first.
 inline hash_cell **find(hash_table_t *t, int32_t key, uint32_t h)
 {
-    hash_cell **link = &t->buckets[h % t->nbuckets];
+    hash_cell **link = &t->buckets[bucket_index(t, h)];
     if (t->compare == int_compare) {
         for (; *link; link = &(*link)->next)
             if ((*link)->key.ival == key)

@@ -45,6 +45,7 @@ struct hash_table {
     // Engine bookkeeping, after the described fields.
     int32_t made_cells;         // set once the first cell is taken from the area
     const void *null_key;       // stands in for a null fixed-length key
+    uint64_t bucket_magic;      // reciprocal of nbuckets, see bucket_index
 };
 
 struct hash_cursor {
@@ -78,13 +79,53 @@ inline uint32_t int_hash_value(int32_t k)
     return static_cast<uint32_t>(k >> 2);
 }
 
+// hash mod nbuckets without a division (Lemire's 32-bit fastmod): exact for
+// every 32-bit hash and bucket count.
+inline uint64_t bucket_magic_for(uint32_t nbuckets)
+{
+    return UINT64_MAX / nbuckets + 1;
+}
+
+inline uint32_t bucket_index(uint64_t magic, uint32_t nbuckets, uint32_t h)
+{
+    uint64_t low = magic * h;
+    return static_cast<uint32_t>((static_cast<unsigned __int128>(low) * nbuckets) >> 64);
+}
+
+inline uint32_t bucket_index(const hash_table_t *t, uint32_t h)
+{
+    return bucket_index(t->bucket_magic, t->nbuckets, h);
+}
+
+inline uint32_t str_hash_step(uint32_t h, unsigned char b)
+{
+    uint32_t c = static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(b)));
+    return h + (c ^ (h << 7));
+}
+
+// h + (c ^ (h << 7)) with c below 0x80 never carries between the two terms,
+// so it equals h * 129 + c.  Four such characters fold into one multiply by
+// 129^4, which shortens the dependency chain of the byte loop four times;
+// blocks holding a byte above 0x7F take the byte-by-byte steps.
 inline uint32_t str_hash_value(const char *s)
 {
+    const unsigned char *p = reinterpret_cast<const unsigned char *>(s);
+    size_t n = strlen(s);
+    const uint32_t p1 = 129, p2 = p1 * 129, p3 = p2 * 129, p4 = p3 * 129;
     uint32_t h = 0;
-    for (; *s; s++) {
-        uint32_t c = static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*s)));
-        h = h + (c ^ (h << 7));
+    size_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        uint32_t w;
+        memcpy(&w, p + i, sizeof w);
+        if (w & 0x80808080u) {
+            for (size_t j = 0; j < 4; j++)
+                h = str_hash_step(h, p[i + j]);
+        } else {
+            h = h * p4 + (p[i] * p3 + p[i + 1] * p2 + p[i + 2] * p1 + p[i + 3]);
+        }
     }
+    for (; i < n; i++)
+        h = str_hash_step(h, p[i]);
     return h;
 }
 

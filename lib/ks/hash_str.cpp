@@ -17,7 +17,7 @@ enum action { look, enter, release };
 // compared before the (costlier) compare procedure is called.
 inline hash_cell **find(hash_table_t *t, const char *key, uint32_t h)
 {
-    hash_cell **link = &t->buckets[h % t->nbuckets];
+    hash_cell **link = &t->buckets[bucket_index(t, h)];
     if (t->compare == str_compare) {
         for (; *link; link = &(*link)->next)
             if ((*link)->hval == h && strcmp(static_cast<const char *>((*link)->key.ptr), key) == 0)

@@ -592,6 +592,17 @@ TEST(Hash, ProcedureValues)
         EXPECT_EQ(str_hash_nospace(s.c_str()), ref_str_hash_nospace(s));
         EXPECT_EQ(bytes_hash_value(s.data(), static_cast<uint32_t>(s.size())), ref_bytes_hash(s));
     }
+    // Long runs of plain ASCII, now and then a byte above 0x7F, at every
+    // length and alignment of the eight-byte blocks.
+    for (int i = 0; i < 5000; i++) {
+        std::string s;
+        size_t len = rng() % 41;
+        for (size_t j = 0; j < len; j++)
+            s += static_cast<char>(rng() % 16 == 0 ? 0x80 + rng() % 128 : 1 + rng() % 127);
+        std::string shifted = "#" + s;
+        EXPECT_EQ(str_hash(s.c_str()), ref_str_hash(s)) << s;
+        EXPECT_EQ(str_hash(shifted.c_str() + 1), ref_str_hash(s)) << s;
+    }
     const unsigned char two[2] = {1, 2};
     EXPECT_EQ(bytes_hash_value(two, 2), 131u);
 }

@@ -17,6 +17,9 @@
 #include <cwctype>
 #include <unistd.h>
 #include <sys/stat.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "ks/imsg.h"
 #include "ks/pfm.h"
@@ -314,6 +317,60 @@ char *expand_pass(stg_area_t area, char *work, int *found)
 }
 
 // ---- UTF tables ----------------------------------------------------------------
+
+// Converts the leading ASCII units of the next 8 (to bytes) and returns how
+// many there were; the destination needs room for 8 bytes, of which those
+// past the count are scratch.
+inline size_t ascii_units8(const wchar_t *src, unsigned char *dst)
+{
+#if defined(__SSE2__)
+    static_assert(sizeof(wchar_t) == 4, "32-bit units");
+    __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
+    __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 4));
+    __m128i m = _mm_set1_epi32(~0x7F);
+    __m128i z = _mm_setzero_si128();
+    __m128i ok = _mm_packs_epi32(_mm_cmpeq_epi32(_mm_and_si128(a, m), z),
+                                 _mm_cmpeq_epi32(_mm_and_si128(b, m), z));
+    unsigned bad = ~static_cast<unsigned>(_mm_movemask_epi8(ok)) & 0xFFFFu;
+    __m128i w = _mm_packs_epi32(a, b);
+    _mm_storel_epi64(reinterpret_cast<__m128i *>(dst), _mm_packus_epi16(w, w));
+    return bad == 0 ? 8 : static_cast<size_t>(__builtin_ctz(bad)) / 2;
+#else
+    size_t k = 0;
+    while (k < 8 && static_cast<uint32_t>(src[k]) < 0x80) {
+        dst[k] = static_cast<unsigned char>(src[k]);
+        k++;
+    }
+    return k;
+#endif
+}
+
+// Converts the leading ASCII bytes of the next 16 (to units) and returns how
+// many there were; the destination needs room for 16 units, of which those
+// past the count are scratch.
+inline size_t ascii_bytes16(const unsigned char *src, wchar_t *dst)
+{
+#if defined(__SSE2__)
+    __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
+    unsigned bad = static_cast<unsigned>(_mm_movemask_epi8(v));
+    __m128i z = _mm_setzero_si128();
+    __m128i lo = _mm_unpacklo_epi8(v, z);
+    __m128i hi = _mm_unpackhi_epi8(v, z);
+    __m128i *out = reinterpret_cast<__m128i *>(dst);
+    _mm_storeu_si128(out, _mm_unpacklo_epi16(lo, z));
+    _mm_storeu_si128(out + 1, _mm_unpackhi_epi16(lo, z));
+    _mm_storeu_si128(out + 2, _mm_unpacklo_epi16(hi, z));
+    _mm_storeu_si128(out + 3, _mm_unpackhi_epi16(hi, z));
+    return bad == 0 ? 16 : static_cast<size_t>(__builtin_ctz(bad));
+#else
+    size_t k = 0;
+    while (k < 16 && src[k] < 0x80) {
+        dst[k] = static_cast<wchar_t>(src[k]);
+        k++;
+    }
+    return k;
+#endif
+}
 
 const unsigned char first_byte_mark[7] = {0x00, 0x00, 0xC0, 0xE0, 0xF0, 0xF8, 0xFC};
 
@@ -781,9 +838,41 @@ int strutl_utf16to8(char *dst, const wchar_t *src, size_t src_units, size_t dst_
     unsigned char *const end = d + dst_capacity;
     size_t i = 0;
     while (i < src_units) {
-        // Runs of ASCII need no length decision.
+        // Runs of ASCII need no length decision: a block at a time while
+        // both sides have room, then one by one.
+        while (src_units - i >= 8 && end - d >= 8) {
+            size_t k = ascii_units8(src + i, d);
+            i += k;
+            d += k;
+            if (k < 8)
+                break;
+        }
         while (i < src_units && d < end && static_cast<uint32_t>(src[i]) < 0x80)
             *d++ = static_cast<unsigned char>(src[i++]);
+        if (i == src_units)
+            break;
+        // Other characters while a following unit and four bytes of room
+        // exist: computed without branches, since real text mixes lengths
+        // unpredictably.  Bytes past the character's length are scratch that
+        // the next character or the terminator overwrites.
+        while (src_units - i >= 2 && end - d >= 4 && static_cast<uint32_t>(src[i]) >= 0x80) {
+            uint32_t u0 = static_cast<uint32_t>(src[i]);
+            uint32_t u1 = static_cast<uint32_t>(src[i + 1]);
+            uint32_t pair = (u0 - 0xD800 < 0x400) & (u1 - 0xDC00 < 0x400);
+            uint32_t ch = pair ? ((u0 - 0xD800) << 10) + (u1 - 0xDC00) + 0x10000 : u0;
+            uint32_t quirk = ch >= 0x200000;
+            ch = quirk ? 0xFFFD : ch;
+            uint32_t len = quirk ? 2 : 1 + (ch >= 0x80) + (ch >= 0x800) + (ch >= 0x10000);
+            int shift = 6 * static_cast<int>(len - 1);
+            int s1 = shift >= 6 ? shift - 6 : 0;
+            int s2 = shift >= 12 ? shift - 12 : 0;
+            d[0] = static_cast<unsigned char>((ch >> shift) | first_byte_mark[len]);
+            d[1] = static_cast<unsigned char>(0x80 | ((ch >> s1) & 0x3F));
+            d[2] = static_cast<unsigned char>(0x80 | ((ch >> s2) & 0x3F));
+            d[3] = static_cast<unsigned char>(0x80 | (ch & 0x3F));
+            d += len;
+            i += 1 + pair;
+        }
         if (i == src_units)
             break;
         uint32_t ch = static_cast<uint32_t>(src[i++]);
@@ -812,12 +901,28 @@ int strutl_utf16to8(char *dst, const wchar_t *src, size_t src_units, size_t dst_
             *d = '\0';
             return 3;
         }
-        unsigned char *p = d + len;
+        // Continuation bytes carry six bits each, marked 0x80; the first
+        // byte gets the mark of the length (for the kept quirk its high bits
+        // spill into the mark, giving 0xFF).
         switch (len) {
-        case 4: *--p = static_cast<unsigned char>((ch | 0x80) & 0xBF); ch >>= 6; [[fallthrough]];
-        case 3: *--p = static_cast<unsigned char>((ch | 0x80) & 0xBF); ch >>= 6; [[fallthrough]];
-        case 2: *--p = static_cast<unsigned char>((ch | 0x80) & 0xBF); ch >>= 6; [[fallthrough]];
-        case 1: *--p = static_cast<unsigned char>(ch | first_byte_mark[len]);
+        case 1:
+            d[0] = static_cast<unsigned char>(ch);
+            break;
+        case 2:
+            d[1] = static_cast<unsigned char>(0x80 | (ch & 0x3F));
+            d[0] = static_cast<unsigned char>((ch >> 6) | first_byte_mark[2]);
+            break;
+        case 3:
+            d[2] = static_cast<unsigned char>(0x80 | (ch & 0x3F));
+            d[1] = static_cast<unsigned char>(0x80 | ((ch >> 6) & 0x3F));
+            d[0] = static_cast<unsigned char>((ch >> 12) | first_byte_mark[3]);
+            break;
+        default:
+            d[3] = static_cast<unsigned char>(0x80 | (ch & 0x3F));
+            d[2] = static_cast<unsigned char>(0x80 | ((ch >> 6) & 0x3F));
+            d[1] = static_cast<unsigned char>(0x80 | ((ch >> 12) & 0x3F));
+            d[0] = static_cast<unsigned char>((ch >> 18) | first_byte_mark[4]);
+            break;
         }
         d += len;
     }
@@ -834,8 +939,38 @@ int strutl_utf8to16(wchar_t *dst, const char *src, size_t src_bytes, size_t dst_
     wchar_t *const dend = dst + dst_capacity_units;
     int result = 0;
     while (s < send) {
+        while (send - s >= 16 && dend - d >= 16) {
+            size_t k = ascii_bytes16(s, d);
+            s += k;
+            d += k;
+            if (k < 16)
+                break;
+        }
         while (s < send && d < dend && *s < 0x80)
             *d++ = static_cast<wchar_t>(*s++);
+        if (s == send)
+            break;
+        // Sequences of two to four bytes while four source bytes and two
+        // units of room exist, without branches on the length; d[1] is
+        // scratch when the character takes one unit.
+        while (send - s >= 4 && dend - d >= 2 && *s >= 0x80) {
+            uint32_t extra = trailing_bytes.v[*s];
+            if (extra > 3)
+                break;
+            uint32_t v0 = s[0];
+            uint32_t v1 = (v0 << 6) + s[1];
+            uint32_t v2 = (v1 << 6) + s[2];
+            uint32_t v3 = (v2 << 6) + s[3];
+            uint32_t acc = extra == 1 ? v1 : extra == 2 ? v2 : extra == 3 ? v3 : v0;
+            uint32_t ch = acc - offsets_from_utf8[extra];
+            uint32_t over = ch > 0x10FFFF;
+            uint32_t pair = (ch >= 0x10000) & !over;
+            uint32_t c = ch - 0x10000;
+            d[0] = static_cast<wchar_t>(pair ? 0xD800 + (c >> 10) : over ? 0xFFFD : ch);
+            d[1] = static_cast<wchar_t>(0xDC00 + (c & 0x3FF));
+            d += 1 + pair;
+            s += extra + 1;
+        }
         if (s == send)
             break;
         unsigned extra = trailing_bytes.v[*s];

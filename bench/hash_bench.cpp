@@ -72,7 +72,7 @@ const key_set &keys_for(size_t n)
         if (seen.insert(v).second)
             k.int_misses.push_back(v);
     }
-    char buf[32];
+    char buf[48];
     for (size_t i = 0; i < 2 * n; i++) {
         snprintf(buf, sizeof buf, "user-%08x-%zu", static_cast<unsigned>(rng()), i);
         (i < n ? k.strs : k.str_misses).push_back(buf);

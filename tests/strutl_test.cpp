@@ -566,6 +566,46 @@ TEST(StrutlUtf, Utf8MalformedAndLimits)
     EXPECT_EQ(w[0], 0);
 }
 
+// Every capacity, on text that mixes ASCII runs (long enough for the block
+// paths) with characters of every length: the output is a prefix of the
+// whole conversion ending on a character, and nothing lands past dst[capacity].
+TEST(StrutlUtf, EveryCapacityOnMixedText)
+{
+    std::string text;
+    const uint32_t mix[] = {'a', 0xE9, 0x3042, 0x1F600, 0x10FFFF, 0x7FF, 0x800, 0xFFFF, 0x10000};
+    for (int r = 0; r < 4; r++) {
+        text += std::string(static_cast<size_t>(17 + r * 5), 'x');
+        for (uint32_t cp : mix)
+            append_utf8(text, cp);
+    }
+    std::vector<uint16_t> all16 = iconv_to_utf16(text);
+    for (size_t cap = 0; cap <= all16.size(); cap++) {
+        std::vector<wchar_t> w(cap + 40, L'\x5A5A');
+        size_t used = 0;
+        int rc = strutl_utf8to16(w.data(), text.data(), text.size(), cap, &used);
+        size_t n = wcslen(w.data());
+        ASSERT_EQ(rc, n == all16.size() ? 0 : 3) << cap;
+        ASSERT_LE(n, cap);
+        for (size_t k = 0; k < n; k++)
+            ASSERT_EQ(static_cast<uint32_t>(w[k]), all16[k]) << cap << " " << k;
+        ASSERT_EQ(iconv_to_utf16(text.substr(0, used)).size(), n) << cap;
+        for (size_t k = cap + 1; k < w.size(); k++)
+            ASSERT_EQ(w[k], L'\x5A5A') << cap << " " << k;
+    }
+    std::vector<wchar_t> units(all16.begin(), all16.end());
+    for (size_t cap = 0; cap <= text.size(); cap++) {
+        std::string out(cap + 40, '\x5A');
+        int rc = strutl_utf16to8(&out[0], units.data(), units.size(), cap);
+        size_t n = strlen(out.c_str());
+        ASSERT_EQ(rc, n == text.size() ? 0 : 3) << cap;
+        ASSERT_LE(n, cap);
+        ASSERT_EQ(text.compare(0, n, out.c_str()), 0) << cap;
+        ASSERT_TRUE(n == text.size() || (static_cast<unsigned char>(text[n]) & 0xC0) != 0x80) << cap;
+        for (size_t k = cap + 1; k < out.size(); k++)
+            ASSERT_EQ(out[k], '\x5A') << cap << " " << k;
+    }
+}
+
 // ---------------------------------------------------------------------------
 // Hash, flags, SJIS to EUC
 

@@ -139,9 +139,10 @@ typedef struct strutl_flag_entry {
  * overwritten by each call; null only if it cannot be allocated. */
 KS_API const char *strutl_flags_to_str(uint32_t flags, const char *sep,
                                        const strutl_flag_entry_t *table, int count);
-/* Or of the masks of the sep-separated words of str (sep null or empty: " ").
- * An unknown word gives 0 with *bad (optional) pointing at it in str;
- * otherwise *bad is null.  Case-blind unless case_sensitive. */
+/* Or of the masks of the sep-separated words of str (sep null or empty: " ";
+ * empty words are skipped; only the first 1023 bytes are read).  An unknown
+ * word gives 0 with *bad (optional) pointing at it in str; otherwise *bad is
+ * null.  Case-blind (lower case, strcoll) unless case_sensitive. */
 KS_API uint32_t strutl_flags_from_str(const char *str, int case_sensitive, const char *sep,
                                       const strutl_flag_entry_t *table, int count,
                                       const char **bad);
@@ -163,7 +164,8 @@ KS_API uint32_t strutl_cvt_sjis_to_euc(uint32_t b1, uint32_t b2, unsigned char *
  * the NUL).  0 on success, 1 when out_size is too small. */
 KS_API int strutl_extract_head(const char *plain, char *out, size_t out_size);
 /* Inverse of strutl_extract_head.  0 on success; 1 when out_size is too
- * small or coded is not a text it made (bad symbol, length or check value). */
+ * small or coded is not a text it made (foreign symbol, impossible length,
+ * a NUL byte, or filler bits that disagree with the start index). */
 KS_API int strutl_extract_tail(const char *coded, char *out, size_t out_size);
 
 /* ---- Lists and white space --------------------------------------------- */

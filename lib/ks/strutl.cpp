@@ -863,10 +863,14 @@ int strutl_utf16to8(char *dst, const wchar_t *src, size_t src_units, size_t dst_
             uint32_t quirk = ch >= 0x200000;
             ch = quirk ? 0xFFFD : ch;
             uint32_t len = quirk ? 2 : 1 + (ch >= 0x80) + (ch >= 0x800) + (ch >= 0x10000);
-            int shift = 6 * static_cast<int>(len - 1);
-            int s1 = shift >= 6 ? shift - 6 : 0;
-            int s2 = shift >= 12 ? shift - 12 : 0;
-            d[0] = static_cast<unsigned char>((ch >> shift) | first_byte_mark[len]);
+            // Shifts of the first three bytes by length (the later ones
+            // are scratch for short characters).
+            static const unsigned char shift0[5] = {0, 0, 6, 12, 18};
+            static const unsigned char shift1[5] = {0, 0, 0, 6, 12};
+            static const unsigned char shift2[5] = {0, 0, 0, 0, 6};
+            unsigned s1 = shift1[len];
+            unsigned s2 = shift2[len];
+            d[0] = static_cast<unsigned char>((ch >> shift0[len]) | first_byte_mark[len]);
             d[1] = static_cast<unsigned char>(0x80 | ((ch >> s1) & 0x3F));
             d[2] = static_cast<unsigned char>(0x80 | ((ch >> s2) & 0x3F));
             d[3] = static_cast<unsigned char>(0x80 | (ch & 0x3F));

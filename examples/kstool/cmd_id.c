@@ -31,19 +31,10 @@ int kstool_id(int argc, char **argv)
     return 0;
 }
 
-static const clp_flag_desc_t no_flags[] = {CLP_END_OF_FLAGS};
-
-static void ignore_flag(uint32_t value, clp_hdl_t *h, void *ctx)
-{
-    (void)value;
-    (void)h;
-    (void)ctx;
-}
-
 int kstool_sid(int argc, char **argv)
 {
     int first, i, status = 0;
-    if (kstool_parse(argc, argv, no_flags, ignore_flag, NULL, &first))
+    if (kstool_parse(argc, argv, kstool_no_flags, kstool_ignore_flag, NULL, &first))
         return 2;
     if (first >= argc) {
         imsg_print(IMSG_ERROR, &_kstool_msg_table, KT_MISSING, "TEXT");

@@ -61,6 +61,15 @@ int kstool_parse(int argc, char **argv, const clp_flag_desc_t *flags,
     return rc == 1;
 }
 
+const clp_flag_desc_t kstool_no_flags[] = {CLP_END_OF_FLAGS};
+
+void kstool_ignore_flag(uint32_t value, clp_hdl_t *h, void *ctx)
+{
+    (void)value;
+    (void)h;
+    (void)ctx;
+}
+
 /* A missing host data directory ends the product's tools through pfm_exit;
  * kstool turns that end into an unwind so "info" can still report. */
 static void unwind_instead_of_exit(int status)

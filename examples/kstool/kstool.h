@@ -35,6 +35,10 @@ extern int kstool_hostdata_status;
 int kstool_parse(int argc, char **argv, const clp_flag_desc_t *flags,
                  void (*on_flag)(uint32_t value, clp_hdl_t *h, void *ctx), void *ctx, int *first_arg);
 
+/* A table with no flags, and a flag procedure for it. */
+extern const clp_flag_desc_t kstool_no_flags[];
+void kstool_ignore_flag(uint32_t value, clp_hdl_t *h, void *ctx);
+
 int kstool_info(int argc, char **argv);
 int kstool_expand(int argc, char **argv);
 int kstool_scramble(int argc, char **argv);

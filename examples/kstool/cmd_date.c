@@ -7,13 +7,17 @@
 
 enum { F_FUTURE = 1, F_PAST, F_AT };
 
-/* The two directions exclude one another. */
+/* The two directions exclude one another; every flag also has a
+ * double-dash spelling. */
 static const clp_flag_desc_t date_flags[] = {
     CLP_START_MUTUAL_EXCLUSION,
     {"-f[uture]", F_FUTURE, 0},
+    {"--f[uture]", F_FUTURE, CLP_ALIAS_FLAG},
     {"-p[ast]", F_PAST, 0},
+    {"--p[ast]", F_PAST, CLP_ALIAS_FLAG},
     CLP_END_MUTUAL_EXCLUSION,
     {"-a[t]", F_AT, 0},
+    {"--a[t]", F_AT, CLP_ALIAS_FLAG},
     CLP_END_OF_FLAGS,
 };
 

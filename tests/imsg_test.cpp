@@ -172,6 +172,51 @@ TEST_F(Imsg, ThirdNameReplacesTheLeastRecentlyUsedSlot)
     ks::clock_release();
 }
 
+// With every open failing the slots are handed out by the round-robin
+// counter, not by the first failed slot seen.
+TEST_F(Imsg, FailedSlotsAreReusedInTurn)
+{
+    const imsg_msg_table_t *order[] = {&_ks_ks_msg_table, &other_table, &third_table, &_ks_ks_msg_table};
+    const char *slot0[] = {"ks_lib", "ks_lib", "imsg_third", "imsg_third"};
+    const char *slot1[] = {nullptr, "imsg_other", "imsg_other", "ks_lib"};
+    for (int i = 0; i < 4; i++) {
+        EXPECT_STREQ(cat_extractmsg(order[i], 0), order[i]->texts[0]) << i;
+        EXPECT_STREQ(ks::imsg_catalog_slot_name(0), slot0[i]) << i;
+        EXPECT_STREQ(ks::imsg_catalog_slot_name(1), slot1[i]) << i;
+    }
+    EXPECT_EQ(ks::imsg_catalog_open_count(), 4u);
+}
+
+TEST_F(Imsg, FailedSlotIsTakenBeforeAnOpenCatalogueIsClosed)
+{
+    setenv("NLSPATH", test_nls, 1);
+    ks::clock_fix(7000, 0);
+    EXPECT_STREQ(cat_extractmsg(&_ks_ks_msg_table, ks_operation), "Vorgang %s: %s\n");
+    setenv("NLSPATH", nowhere, 1);
+    EXPECT_STREQ(cat_extractmsg(&other_table, 0), "other text %d\n"); // fails, slot 1
+    EXPECT_STREQ(cat_extractmsg(&third_table, 0), "third text %d\n"); // takes the failed slot
+    EXPECT_STREQ(ks::imsg_catalog_slot_name(0), "ks_lib");
+    EXPECT_STREQ(ks::imsg_catalog_slot_name(1), "imsg_third");
+    // ks_lib was never closed: still translated although NLSPATH now leads nowhere.
+    EXPECT_STREQ(cat_extractmsg(&_ks_ks_msg_table, ks_operation), "Vorgang %s: %s\n");
+    EXPECT_EQ(ks::imsg_catalog_open_count(), 3u);
+    ks::clock_release();
+}
+
+TEST_F(Imsg, LookupOutsideTheTableIsAnInternalError)
+{
+    auto r = ks_test::run_in_child([] {
+        imsg_set_app_name("mytool");
+        const char *a = cat_extractmsg(&_pfm_ks_msg_table, _pfm_ks_msg_table.count);
+        const char *b = cat_extractmsg(nullptr, 0);
+        return *a == '\0' && *b == '\0' ? 0 : 1;
+    });
+    EXPECT_EQ(r.exit_code(), 0);
+    EXPECT_EQ(r.err, "mytool: Error: IMSG Internal error (cat_extractmsg) - tbl " + addr(&_pfm_ks_msg_table) +
+                         ", num " + std::to_string(_pfm_ks_msg_table.count) +
+                         ".\nmytool: Error: IMSG Internal error (cat_extractmsg) - tbl 0, num 0.\n");
+}
+
 TEST_F(Imsg, RealCatalogueMatchesTheBuiltInTexts)
 {
     setenv("NLSPATH", real_nls, 1);
@@ -234,6 +279,18 @@ TEST_F(Imsg, PrefixFormats)
     EXPECT_STREQ(imsg_prefix_format(IMSG_ERROR, 0), "");
     EXPECT_EQ(imsg_suppress_prefix(0), 1);
     EXPECT_STREQ(imsg_prefix_format(IMSG_ERROR, 0), "%s: Error: ");
+}
+
+TEST_F(Imsg, PrefixFormsWithPrintSubsysOk)
+{
+    setenv("PRINT_SUBSYS_OK", "x", 1);
+    EXPECT_STREQ(imsg_prefix_format(IMSG_OK, 0), "%s: Ok: ");
+    EXPECT_STREQ(imsg_prefix_format(IMSG_OK, 1), "%s/%s: Ok: ");
+    EXPECT_STREQ(imsg_prefix_format(IMSG_INFO, 0), "%s: ");
+    EXPECT_STREQ(imsg_prefix_format(IMSG_INFO, 1), "%s/%s: ");
+    EXPECT_STREQ(imsg_prefix_format(IMSG_OK_CONT, 1), "");
+    // PRINT_SUBSYS_OK also turns the subsystem form on.
+    EXPECT_EQ(imsg_output_subsys(0), 1);
 }
 
 TEST_F(Imsg, SubsystemFormOfTheSharedPrinters)
@@ -329,6 +386,36 @@ TEST_F(Imsg, MessageLongerThanTheBufferIsPrintedWhole)
     EXPECT_EQ(r.err, line + line + "mytool: Error: short\n");
 }
 
+TEST_F(Imsg, FormattingErrorIsReportedWhenTracing)
+{
+    setenv("TRACE_SUBSYS", "ks/imsg", 1);
+    setenv("TRACE_VERBOSITY", "1", 1);
+    auto r = ks_test::run_in_child([] {
+        imsg_set_app_name("mytool");
+        // A wide character the "C" locale cannot convert.
+        return imsg_print(IMSG_ERROR, "%ls\n", -1, L"\x263a") == -1 ? 0 : 1;
+    });
+    EXPECT_EQ(r.exit_code(), 0);
+    EXPECT_EQ(r.err, "There was some kind of error in imsg_print_sharedv_util. (sz: 16384).\n");
+    unsetenv("TRACE_SUBSYS");
+    r = ks_test::run_in_child([] { return imsg_print(IMSG_ERROR, "%ls\n", -1, L"\x263a") == -1 ? 0 : 1; });
+    EXPECT_EQ(r.exit_code(), 0);
+    EXPECT_EQ(r.err, "");
+}
+
+TEST_F(Imsg, PrefixFillingTheBufferIsReportedAndTheLinePrintedWhole)
+{
+    setenv("TRACE_SUBSYS", "ks/imsg", 1);
+    setenv("TRACE_VERBOSITY", "1", 1);
+    std::string name(17000, 'n');
+    auto r = ks_test::run_in_child([&] {
+        imsg_set_app_name(name.c_str());
+        return imsg_print(IMSG_WARNING, "w %d\n", -1, 5) == 17000 + 11 + 4 ? 0 : 1;
+    });
+    EXPECT_EQ(r.exit_code(), 0);
+    EXPECT_EQ(r.err, "prefix consumed entire buffer. (sz: 16384).\n" + name + ": Warning: w 5\n");
+}
+
 // ---- output procedures, logs and the capture file ----
 
 std::vector<std::string> *seen;
@@ -355,6 +442,34 @@ TEST_F(Imsg, InstalledProcedureTakesTheMessage)
     });
     EXPECT_EQ(r.out, "[4:mytool: Warning: w\n][2:i\n]");
     EXPECT_EQ(r.err.rfind("mytool: Error: e\nmytool: Error: Unknown message type 12", 0), 0u) << r.err;
+}
+
+std::vector<std::string> *seen_other;
+void record_other_proc(int type, const char *text)
+{
+    seen_other->push_back(std::to_string(type) + ":" + text);
+}
+
+TEST_F(Imsg, InfoKeepsItsOwnProcedure)
+{
+    auto r = ks_test::run_in_child([] {
+        std::vector<std::string> got, other;
+        seen = &got;
+        seen_other = &other;
+        imsg_out_fns[IMSG_OK] = record_proc;
+        imsg_out_fns[IMSG_OK_CONT] = record_proc;
+        imsg_out_fns[IMSG_INFO] = record_other_proc;
+        imsg_print(IMSG_INFO, "i\n", -1);
+        imsg_print(IMSG_INFO_CONT, "c\n", -1); // own is the default: OK_CONT's
+        imsg_print(IMSG_OK, "o\n", -1);
+        printf("%d %d\n", ks::imsg_current_type(), static_cast<int>(got.size()));
+        for (auto &s : got)
+            printf("[%s]", s.c_str());
+        for (auto &s : other)
+            printf("{%s}", s.c_str());
+        return 0;
+    });
+    EXPECT_EQ(r.out, "0 2\n[3:c\n][0:o\n]{2:i\n}");
 }
 
 TEST_F(Imsg, DupOutputPrintsToTheStreamAsWell)
@@ -584,6 +699,10 @@ TEST_F(Imsg, TraceMatchesWholeElementsOnly)
     EXPECT_TRUE(imsg_should_trace("rt", 1));
     EXPECT_FALSE(imsg_should_trace("r", 1));
     EXPECT_FALSE(imsg_should_trace("rt:ks", 1));
+    EXPECT_TRUE(imsg_should_trace("rt:ks/imsg", 1)); // a run of elements
+    imsg_set_trace_subsys("ks/imsg:ks");
+    EXPECT_TRUE(imsg_should_trace("ks", 1)); // a later occurrence counts
+    EXPECT_FALSE(imsg_should_trace("", 1));
 }
 
 TEST_F(Imsg, TraceSettingsFromCalls)
@@ -635,6 +754,39 @@ TEST_F(Imsg, DynamicLengthGrowsToFit)
     EXPECT_EQ(s, nullptr);
 }
 
+TEST_F(Imsg, DynamicLengthReportsABadMessageOnce)
+{
+    auto r = ks_test::run_in_child([] {
+        imsg_set_app_name("mytool");
+        char *s = reinterpret_cast<char *>(1);
+        int n = imsg_dynamic_len_snprintf(&s, 10, 100, &_rt_ks_msg_table, _rt_ks_msg_table.count);
+        return n == -1 && s == nullptr ? 0 : 1;
+    });
+    EXPECT_EQ(r.exit_code(), 0);
+    EXPECT_EQ(r.err, "mytool: Error: IMSG Internal error (vsprintf) - tbl " + addr(&_rt_ks_msg_table) + ", num " +
+                         std::to_string(_rt_ks_msg_table.count) + ".\n");
+}
+
+TEST_F(Imsg, DynamicLengthGivesUpOnAFormattingError)
+{
+    setenv("TRACE_SUBSYS", "ks/imsg", 1);
+    setenv("TRACE_VERBOSITY", "1", 1);
+    auto r = ks_test::run_in_child([] {
+        char *s = reinterpret_cast<char *>(1);
+        // The result stays negative at every size: the buffer grows by
+        // fractional steps until it passes the maximum; with no room to grow
+        // (start equal to max) it gives up at once.
+        int a = imsg_dynamic_len_snprintf(&s, 10, 13, "%ls", -1, L"\x263a");
+        int b = imsg_dynamic_len_snprintf(&s, 20, 20, "%ls", -1, L"\x263a");
+        return a == -1 && b == -1 && s == nullptr ? 0 : 1;
+    });
+    EXPECT_EQ(r.exit_code(), 0);
+    EXPECT_EQ(r.err, "Error, max buffer size 13 passed to imsg_dynamic_len_vsnprintf() is not sufficient to hold "
+                     "the string.\n"
+                     "Error, max buffer size 20 passed to imsg_dynamic_len_vsnprintf() is not sufficient to hold "
+                     "the string.\n");
+}
+
 TEST_F(Imsg, DynamicLengthRejectsBadSizes)
 {
     setenv("TRACE_SUBSYS", "ks/imsg", 1);
@@ -684,9 +836,13 @@ TEST_F(Imsg, NamesHomeErrnumFileAndClock)
     EXPECT_STREQ(imsg_set_message_home("/srv/msgs"), "/srv/msgs");
     EXPECT_STREQ(imsg_set_message_home(nullptr), "/opt/tamarack/ottermere");
 
-    imsg_set_errnum_file("/nonexistent/errnum");
+    EXPECT_STREQ(ks::imsg_errnum_file(), "errnum.imsg");
     imsg_set_errnum_file(KS_SOURCE_DIR "/lib/ks/imsg.msg");
+    EXPECT_STREQ(ks::imsg_errnum_file(), KS_SOURCE_DIR "/lib/ks/imsg.msg");
+    imsg_set_errnum_file("/nonexistent/errnum"); // unreadable: nothing changes
+    EXPECT_STREQ(ks::imsg_errnum_file(), KS_SOURCE_DIR "/lib/ks/imsg.msg");
     imsg_set_errnum_file(nullptr);
+    EXPECT_STREQ(ks::imsg_errnum_file(), "errnum.imsg");
 
     EXPECT_EQ(imsg_clock(), 0u);
     uint32_t base = 41;

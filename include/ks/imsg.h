@@ -116,7 +116,9 @@ KS_API int imsg_vsnprintf_taggable(char *buf, size_t size, const void *table, in
  * no subsystem form) followed by its text, formatted into buf (size 0:
  * unbounded); count as snprintf, or -1. */
 KS_API int imsg_snprintf_type(char *buf, size_t size, int type, const void *table, int index, ...);
-/* Formats into a buffer grown from start_size up to max_size; *result is freed with free. */
+/* Formats into a buffer grown from start_size up to max_size; *result is
+ * freed with free.  Returns the count, or -1: bad sizes or no memory leave
+ * *result alone; a bad message or a text longer than max_size set it null. */
 KS_API int imsg_dynamic_len_snprintf(char **result, int start_size, int max_size,
                                      const void *table, int index, ...);
 KS_API int imsg_dynamic_len_vsnprintf(char **result, int start_size, int max_size,
@@ -153,7 +155,9 @@ KS_API int32_t imsg_get_verbosity_ev(void);
 KS_API int imsg_should_trace(const char *subsystem, int level);
 KS_API int imsg_should_trace_subsys(const char *subsystem);
 
-/* The text to use for a message: the catalogue's, else the built-in one. */
+/* The text to use for a message: the catalogue's, else the built-in one.
+ * A null table or an index outside the table prints the internal-error
+ * message and gives the empty string. */
 KS_API const char *cat_extractmsg(const void *table, int index);
 
 /* 1 when the process runs under a graphical or web front end

@@ -137,18 +137,18 @@ const char *default_text(const imsg_msg_table_t *t, int index)
     return t->texts[index];
 }
 
-// Whole-element match of name in a ':'-separated list.
+// Whether name occurs in a ':'-separated list where an element starts (the
+// list's start or after a ':') and ends (the list's end or a ':').
 bool list_has(const char *list, const char *name)
 {
     size_t n = strlen(name);
     for (const char *p = list;;) {
-        const char *end = strchr(p, ':');
-        size_t len = end ? static_cast<size_t>(end - p) : strlen(p);
-        if (len == n && strncmp(p, name, n) == 0)
+        if (strncmp(p, name, n) == 0 && (p[n] == '\0' || p[n] == ':'))
             return true;
-        if (!end)
+        p = strchr(p, ':');
+        if (!p)
             return false;
-        p = end + 1;
+        p++;
     }
 }
 
@@ -243,6 +243,14 @@ int format_prefix(char *buf, size_t size, const char *pfx, int type, int with_su
                            : snprintf(buf, size, pfx, ts, app_name_or_default());
     return with_subsys ? snprintf(buf, size, pfx, app_name_or_default(), subsys)
                        : snprintf(buf, size, pfx, app_name_or_default());
+}
+
+// Formats a looked-up text into memory (size 0: unbounded).
+int format_text(char *buf, size_t size, const char *fmt, va_list ap)
+{
+    if (size == 0)
+        return vsprintf(buf, fmt, ap);
+    return strutl_vsnprintf(buf, size, fmt, ap);
 }
 
 bool stream_is_tty(FILE *stream)
@@ -346,6 +354,7 @@ const char *imsg_catalog_slot_name(int slot)
     return (slot == 0 || slot == 1) && cache_ready ? slots[slot].name : nullptr;
 }
 bool imsg_tagging_enabled() { return ate_enabled; }
+const char *imsg_errnum_file() { return errnum_file ? errnum_file : default_errnum_file; }
 int imsg_current_type() { return current_type; }
 } // namespace ks
 
@@ -388,6 +397,11 @@ void imsg_initialize(void)
 const char *cat_extractmsg(const void *table, int index)
 {
     const imsg_msg_table_t *t = IMSG_TBL(table);
+    if (!t || index < 0 || index >= t->count) {
+        imsg_print(IMSG_ERROR, &_imsg_ks_msg_table, IX_BAD_TABLE, "cat_extractmsg",
+                   static_cast<long>(reinterpret_cast<intptr_t>(table)), index);
+        return "";
+    }
     if (!cache_ready) {
         for (auto &s : slots) {
             s.catd = no_catd;
@@ -717,9 +731,7 @@ int imsg_vsnprintf(char *buf, size_t size, const void *table, int index, va_list
     const char *fmt = find_text(table, index, "vsprintf");
     if (!fmt)
         return -1;
-    if (size == 0)
-        return vsprintf(buf, fmt, ap);
-    return strutl_vsnprintf(buf, size, fmt, ap);
+    return format_text(buf, size, fmt, ap);
 }
 
 int imsg_snprintf(char *buf, size_t size, const void *table, int index, ...)
@@ -809,6 +821,13 @@ int imsg_dynamic_len_vsnprintf(char **result, int start_size, int max_size, cons
                     max_size, start_size);
         return -1;
     }
+    // Looked up once, so that a bad index is reported (and captured) once
+    // rather than at every size tried.
+    const char *fmt = find_text(table, index, "vsprintf");
+    if (!fmt) {
+        *result = nullptr;
+        return -1;
+    }
     double step = (max_size - start_size) * 0.2;
     double size = start_size;
     for (;;) {
@@ -821,7 +840,7 @@ int imsg_dynamic_len_vsnprintf(char **result, int start_size, int max_size, cons
         }
         va_list aq;
         va_copy(aq, ap);
-        int n = imsg_vsnprintf(buf, static_cast<size_t>(sz), table, index, aq);
+        int n = format_text(buf, static_cast<size_t>(sz), fmt, aq);
         va_end(aq);
         if (n >= 0 && n < sz) {
             *result = buf;

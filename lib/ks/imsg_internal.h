@@ -46,6 +46,8 @@ int imsg_current_type();
 // opened with catopen, and the name held by a slot (0 or 1; null if none).
 unsigned imsg_catalog_open_count();
 const char *imsg_catalog_slot_name(int slot);
+// The error-number file name in force (imsg_set_errnum_file).
+const char *imsg_errnum_file();
 // Whether message tagging was switched on by OTTERMERE_ENABLE_ATE_MESSAGES.
 bool imsg_tagging_enabled();
 

@@ -857,6 +857,49 @@ TEST(StgTrace, LevelFiveShowsEveryAllocation)
     EXPECT_EQ(count_of(run.err, "clearing area.\n"), 2u) << run.err;
 }
 
+// The traced lines of err from "(stg)" on, in the order printed.
+std::string stg_lines(const std::string &err)
+{
+    std::string v;
+    for (const std::string &line : lines_of(err)) {
+        size_t at = line.find("(stg)");
+        if (at != std::string::npos)
+            v += line.substr(at);
+    }
+    return v;
+}
+
+TEST(StgTrace, ReleaseAndDeleteTraceInOrder)
+{
+    child_result r = run_in_child([] {
+        debug_mode(4);
+        stg_area_t a = stg_create_area(64);
+        stg_alloc(a, 40); // a chunk of 64 each: no two fit one
+        stg_alloc(a, 40);
+        stg_alloc(a, 40);
+        stg_chunk *c3 = a->chunks, *c2 = c3->next, *c1 = c2->next;
+        stg_free_area(a, 1);
+        stg_area_t kept = a;
+        stg_delete_area(&a);
+        unsigned long k = (unsigned long)kept;
+        printf("(stg) Area 0x%08lX: created area.\n", k);
+        for (stg_chunk *c : {c1, c2, c3})
+            printf("(stg) Area 0x%08lX: created chunk 0x%08lX (size 64).\n", k, (unsigned long)c);
+        // Newest first; the first-created chunk stays.
+        printf("(stg) Area 0x%08lX: clearing area.\n", k);
+        printf("(stg) Area 0x%08lX: freeing chunk 0x%08lX.\n", k, (unsigned long)c3);
+        printf("(stg) Area 0x%08lX: freeing chunk 0x%08lX.\n", k, (unsigned long)c2);
+        // Deleting announces itself before clearing what is left.
+        printf("(stg) Area 0x%08lX: deleting area.\n", k);
+        printf("(stg) Area 0x%08lX: clearing area.\n", k);
+        printf("(stg) Area 0x%08lX: freeing chunk 0x%08lX.\n", k, (unsigned long)c1);
+        return 0;
+    });
+    EXPECT_EQ(r.exit_code(), 0) << r.err;
+    ASSERT_FALSE(r.out.empty());
+    EXPECT_EQ(stg_lines(r.err), r.out);
+}
+
 TEST(StgTrace, LevelThreeShowsNothing)
 {
     traced_run run = trace_run(3);

@@ -323,16 +323,7 @@ void stg_delete_area(stg_area_t *handle)
             area_tail = prev;
     }
 
-    trace_area(MSG_AREA_CLEARING, area);
-    stg_chunk *chunk = area->chunks;
-    while (chunk) {
-        stg_chunk *next = chunk->next;
-        free_chunk(area, chunk);
-        chunk = next;
-    }
-    area->chunks = nullptr;
-    area->allocated = 0;
-    area->desired = 0;
+    stg_free_area(area, 0);
     stg_free(area);
     *handle = STG_AREA_NULL;
 }

@@ -337,6 +337,22 @@ TEST_F(Imsg, TraceLineCarriesTheTimeStamp)
     EXPECT_EQ(r.out, "31 >>> 01:02:03.456 (mytool): x=4\n21 [mytool: W]\n");
 }
 
+TEST_F(Imsg, TypedLineCountsALongApplicationName)
+{
+    std::string name(3000, 'n');
+    auto r = ks_test::run_in_child([&] {
+        imsg_set_app_name(name.c_str());
+        std::vector<char> buf(4000);
+        int n = imsg_snprintf_type(buf.data(), 0, IMSG_ERROR, "x=%d\n", -1, 4);
+        printf("%d %s", n, buf.data());
+        char small[8];
+        n = imsg_snprintf_type(small, sizeof small, IMSG_ERROR, "x=%d\n", -1, 4);
+        printf("%d [%s]\n", n, small);
+        return 0;
+    });
+    EXPECT_EQ(r.out, "3013 " + name + ": Error: x=4\n3013 [nnnnnnn]\n");
+}
+
 // ---- failures ----
 
 TEST_F(Imsg, IndexEqualToCountIsAnInternalError)

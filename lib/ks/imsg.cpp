@@ -152,6 +152,27 @@ bool list_has(const char *list, const char *name)
     }
 }
 
+// Message 27: a null table or an index outside it.
+void report_bad_table(const char *what, const void *table, int index)
+{
+    imsg_print(IMSG_ERROR, &_imsg_ks_msg_table, IX_BAD_TABLE, what,
+               static_cast<long>(reinterpret_cast<intptr_t>(table)), index);
+}
+
+// The subsystem a message carries: its table's, none for a literal format.
+const char *table_subsys(const void *table, int index)
+{
+    return index != -1 && table ? IMSG_TBL(table)->subsys : "";
+}
+
+// Traced report of a failed format.
+void report_format_error()
+{
+    if (imsg_should_trace("ks/imsg", 1))
+        fprintf(stderr, "There was some kind of error in imsg_print_sharedv_util. (sz: %d).\n",
+                static_cast<int>(out_buf_size));
+}
+
 void append_capture_line(const imsg_msg_table_t *t, int index)
 {
     FILE *f = fopen(i18n_log_name, "a+");
@@ -172,8 +193,7 @@ const char *find_text(const void *table, int index, const char *what)
     }
     const imsg_msg_table_t *t = IMSG_TBL(table);
     if (!t || index < 0 || index >= t->count) {
-        imsg_print(IMSG_ERROR, &_imsg_ks_msg_table, IX_BAD_TABLE, what,
-                   static_cast<long>(reinterpret_cast<intptr_t>(table)), index);
+        report_bad_table(what, table, index);
         return nullptr;
     }
     if (capture_enabled)
@@ -398,8 +418,7 @@ const char *cat_extractmsg(const void *table, int index)
 {
     const imsg_msg_table_t *t = IMSG_TBL(table);
     if (!t || index < 0 || index >= t->count) {
-        imsg_print(IMSG_ERROR, &_imsg_ks_msg_table, IX_BAD_TABLE, "cat_extractmsg",
-                   static_cast<long>(reinterpret_cast<intptr_t>(table)), index);
+        report_bad_table("cat_extractmsg", table, index);
         return "";
     }
     if (!cache_ready) {
@@ -525,8 +544,7 @@ int32_t imsg_print_sharedv_util(int type, int with_subsys, const char *subsys, c
         subsys = "";
 
     if (index != -1 && !table) {
-        imsg_print(IMSG_ERROR, &_imsg_ks_msg_table, IX_BAD_TABLE, "print_sharedv",
-                   static_cast<long>(reinterpret_cast<intptr_t>(table)), index);
+        report_bad_table("print_sharedv", table, index);
         return -1;
     }
 
@@ -549,9 +567,7 @@ int32_t imsg_print_sharedv_util(int type, int with_subsys, const char *subsys, c
     if (!fmt)
         return -1;
     if (plen < 0) {
-        if (imsg_should_trace("ks/imsg", 1))
-            fprintf(stderr, "There was some kind of error in imsg_print_sharedv_util. (sz: %d).\n",
-                    static_cast<int>(out_buf_size));
+        report_format_error();
         return -1;
     }
     size_t pl = static_cast<size_t>(plen);
@@ -564,9 +580,7 @@ int32_t imsg_print_sharedv_util(int type, int with_subsys, const char *subsys, c
     int tlen = prefix_fits ? vsnprintf(out_buf_p + pl, out_buf_size - pl, fmt, aq) : vsnprintf(nullptr, 0, fmt, aq);
     va_end(aq);
     if (tlen < 0) {
-        if (imsg_should_trace("ks/imsg", 1))
-            fprintf(stderr, "There was some kind of error in imsg_print_sharedv_util. (sz: %d).\n",
-                    static_cast<int>(out_buf_size));
+        report_format_error();
         return -1;
     }
     size_t total = pl + static_cast<size_t>(tlen);
@@ -615,7 +629,7 @@ int32_t imsg_print(int type, const void *table, int index, ...)
 {
     va_list ap;
     va_start(ap, index);
-    const char *subsys = (index != -1 && table) ? IMSG_TBL(table)->subsys : "";
+    const char *subsys = table_subsys(table, index);
     int32_t r = imsg_print_sharedv_util(type, 0, subsys, table, index, ap);
     va_end(ap);
     return r;
@@ -625,7 +639,7 @@ int32_t imsg_print_sharedv(int type, const char *subsys, const void *table, int 
 {
     imsg_initialize();
     if (!subsys)
-        subsys = (index != -1 && table) ? IMSG_TBL(table)->subsys : "";
+        subsys = table_subsys(table, index);
     return imsg_print_sharedv_util(type, output_subsys, subsys, table, index, ap);
 }
 
@@ -775,24 +789,17 @@ int imsg_snprintf_type(char *buf, size_t size, int type, const void *table, int 
 {
     char prefix_format[sizeof prefix_buf];
     snprintf(prefix_format, sizeof prefix_format, "%s", imsg_prefix_format(type, 0));
-    const char *subsys = (index != -1 && table) ? IMSG_TBL(table)->subsys : "";
+    const char *subsys = table_subsys(table, index);
     char ts[32] = "";
     if (type == IMSG_TRACE)
         trace_time_stamp(ts, sizeof ts);
-    // The prefix is formatted apart so that a short buffer still yields the
-    // full count, as snprintf does.
-    char pfx[sizeof prefix_buf + 1100];
-    int plen = format_prefix(pfx, sizeof pfx, prefix_format, type, 0, subsys, ts);
+    // The prefix is measured first so that a short buffer (or a long
+    // application name) still yields the full count, as snprintf does.
+    int plen = format_prefix(nullptr, 0, prefix_format, type, 0, subsys, ts);
     if (plen < 0)
         return -1;
-    size_t pl = strlen(pfx);
-    if (size == 0) {
-        memcpy(buf, pfx, pl + 1);
-    } else {
-        size_t n = pl < size - 1 ? pl : size - 1;
-        memcpy(buf, pfx, n);
-        buf[n] = '\0';
-    }
+    size_t pl = static_cast<size_t>(plen);
+    format_prefix(buf, size == 0 ? pl + 1 : size, prefix_format, type, 0, subsys, ts);
     va_list ap;
     va_start(ap, index);
     int r;

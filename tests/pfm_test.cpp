@@ -708,6 +708,41 @@ TEST(PfmSelect, OtherUnwindsPassThrough)
     EXPECT_EQ(r.out, "outer 11 depth=1");
 }
 
+void raise_minus_three(int) { pfm_raise(-3); }
+
+TEST(PfmSelect, NegativeUnwindPassesThroughOnce)
+{
+    auto r = run_in_child([] {
+        alarm(10); // a loop of unwinds ends here rather than in the test's time-out
+        pfm_signal(SIGTRAP, raise_minus_three);
+        pid_t me = getpid();
+        pfm_cleanup_t rec;
+        if (PFM_CLEANUP_START(&rec, 0) == 0) {
+            pfm_inhibit();
+            pid_t sender = fork();
+            if (sender == 0) {
+                usleep(100000);
+                kill(me, SIGTRAP);
+                _exit(0);
+            }
+            struct timeval tv = {20, 0};
+            pfm_select_inhibited(0, nullptr, nullptr, nullptr, &tv);
+            say("not reached");
+            pfm_cleanup_rls(&rec);
+        } else {
+            // A negative value leaves the outer record armed: release it.
+            say("outer %d depth=%d ", rec.value, pfm_inhibit_count());
+            pfm_cleanup_rls(&rec);
+            pfm_enable();
+            say("depth=%d", pfm_inhibit_count());
+        }
+        wait(nullptr);
+        return 0;
+    });
+    EXPECT_EQ(r.exit_code(), 0);
+    EXPECT_EQ(r.out, "outer -3 depth=1 depth=0");
+}
+
 // ---------------------------------------------------------------------------
 // Aborts: every one prints its line and dies by SIGABRT.
 

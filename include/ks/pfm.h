@@ -68,7 +68,8 @@ typedef void (*pfm_exit_routine_t)(int status);
 
 /* Records the dispositions and installs the default catchers (once). */
 KS_API void pfm_init(void);
-/* Sets the library-level handler of sig; returns the previous one. */
+/* Sets the library-level handler of sig; returns the previous one, or SIG_ERR
+ * (errno set) for a signal outside 1 to 48 or one the system refuses. */
 KS_API pfm_signal_t pfm_signal(int sig, pfm_signal_t handler);
 /* Unwinds to the innermost clean-up record with value; with none, exits. */
 KS_API KS_NORETURN void pfm_raise(int value);
@@ -90,13 +91,17 @@ KS_API int pfm_cleanup_start(pfm_cleanup_t *rec, int inhibit);
 KS_API int pfm_cleanup_rls(pfm_cleanup_t *rec);
 /* Re-arms a tripped record and drops the unwind's extra inhibit; returns 0. */
 KS_API int pfm_cleanup_reset(pfm_cleanup_t *rec);
-/* Registers an exit handler; handlers run newest first, each once. */
+/* Registers an exit handler; handlers run newest first, each once.  A null
+ * procedure is ignored; running out of memory is a failed assertion. */
 KS_API void pfm_on_exit(pfm_exit_handler_t fn, void *arg);
-/* Replaces the procedure that ends the process; returns the previous one. */
+/* Replaces the procedure that ends the process (null: exit again); returns
+ * the previous one. */
 KS_API pfm_exit_routine_t pfm_set_exit(pfm_exit_routine_t fn);
 /* Runs the exit handlers, then the process-ending procedure. */
 KS_API void pfm_exit(int status);
-/* select() that a signal interrupts even while inhibited (depth must be 1). */
+/* select() that a signal interrupts even while inhibited (depth must be 1).
+ * A signal already waiting or arriving meanwhile gives -1 with EINTR; it is
+ * delivered when the caller enables. */
 KS_API int pfm_select_inhibited(int nfds, ks_fd_set *readfds, ks_fd_set *writefds,
                                 ks_fd_set *exceptfds, struct timeval *timeout);
 /* Prints "***ABORT***" with the source and line, then abort(). */

@@ -488,8 +488,13 @@ int pfm_select_inhibited(int nfds, ks_fd_set *readfds, ks_fd_set *writefds, ks_f
         return n;
     }
     pfm_select_sleeping = 0;
-    if (rec.value != PFM_SELECT_INTERRUPTED)
+    if (rec.value != PFM_SELECT_INTERRUPTED) {
+        // A negative value leaves the record armed: passed on from here it
+        // would land here again, for ever.
+        if (rec.value < 0)
+            pfm_cleanup_rls(&rec);
         unwind(rec.value);
+    }
     // Back to depth 1: the caller delivers when it enables.
     pfm_enable();
     errno = EINTR;

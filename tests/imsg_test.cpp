@@ -765,6 +765,11 @@ TEST_F(Imsg, DynamicLengthGrowsToFit)
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(std::string(s), "Operation op: " + arg + "\n");
     free(s);
+    // A text exactly as long as the buffer needs one byte more for its end.
+    ASSERT_EQ(imsg_dynamic_len_snprintf(&s, 15, 15, &_ks_ks_msg_table, ks_operation, "a", "b"), -1);
+    ASSERT_EQ(imsg_dynamic_len_snprintf(&s, 15, 16, &_ks_ks_msg_table, ks_operation, "a", "b"), 15);
+    EXPECT_STREQ(s, "Operation a: b\n");
+    free(s);
     s = reinterpret_cast<char *>(1);
     EXPECT_EQ(imsg_dynamic_len_snprintf(&s, 8, 100, &_ks_ks_msg_table, ks_operation, "op", arg.c_str()), -1);
     EXPECT_EQ(s, nullptr);

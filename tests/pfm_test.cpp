@@ -291,6 +291,29 @@ TEST(PfmSignals, InitRecordsDispositionsAndResetsSigchld)
     EXPECT_EQ(r.out, "usr1:1 usr2:1 chld:1 kill:1 prev:1");
 }
 
+void foreign_handler(int) { say("foreign "); }
+
+TEST(PfmSignals, HandlerFoundAtStartIsReplacedAtTheSystemToo)
+{
+    auto r = run_in_child([] {
+        signal(SIGUSR1, foreign_handler);
+        signal(SIGINT, foreign_handler);
+        pfm_init();
+        // The table keeps the procedure found; the new one is routed for real.
+        say("prev:%d ", pfm_signal(SIGUSR1, note_signal) == foreign_handler);
+        pfm_inhibit();
+        kill(getpid(), SIGUSR1);
+        say("pending=%d ", pfm_blocked_count());
+        pfm_enable();
+        // The interrupt catcher took over: no record, so the process ends with 4.
+        kill(getpid(), SIGINT);
+        say("not reached");
+        return 0;
+    });
+    EXPECT_EQ(r.exit_code(), 4);
+    EXPECT_EQ(r.out, "prev:1 pending=1 <10>");
+}
+
 TEST(PfmSignals, HandlersAreInstalledWithTheAsyncMaskAndNoFlags)
 {
     auto r = run_in_child([] {

@@ -146,10 +146,10 @@ void iso_token(time_t t, const struct tm *tm, int kind, bool utc, bool recent, c
 }
 
 // The token routines keep their last result until their next call.
-const char *keep_token(char **slot, time_t t, int kind, int utc)
+const char *keep_token(char **slot, time_t t, int kind, int utc, int pname = 0)
 {
     free(*slot);
-    *slot = date_fmt_token_general(t, kind, DATE_STYLE_DEFAULT, utc, 0);
+    *slot = date_fmt_token_general(t, kind, DATE_STYLE_DEFAULT, utc, pname);
     return *slot;
 }
 
@@ -238,9 +238,7 @@ const char *date_fmt_token_utc(time_t t)
 const char *date_fmt_token_date_time_pname(time_t t)
 {
     static char *last;
-    free(last);
-    last = date_fmt_token_general(t, DATE_TOKEN_DATE_TIME, DATE_STYLE_DEFAULT, 0, 1);
-    return last;
+    return keep_token(&last, t, DATE_TOKEN_DATE_TIME, 0, 1);
 }
 
 } // extern "C"

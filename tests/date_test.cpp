@@ -9,6 +9,7 @@
 #include <string.h>
 #include <time.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -197,6 +198,33 @@ TEST_P(DateZones, ShortFormsFollowThePastYear)
         ASSERT_STREQ(date_fmt_ls_date_time(t),
                      strftime_local(t, recent ? "%b %d %H:%M" : "%b %d  %Y").c_str());
     }
+    ks::clock_release();
+}
+
+TEST_P(DateZones, ProductTokensDropTheLocaleBlanks)
+{
+    // The Japanese abbreviated month names begin with a blank (" 3\x8c\x8e").
+    ASSERT_NE(setlocale(LC_ALL, "ja_JP.SJIS"), nullptr) << "LOCPATH must hold ja_JP.SJIS";
+    ks::clock_fix(local_time(2004, 3, 10, 12), 0);
+    time_t t = local_time(2004, 3, 1, 14, 5, 9);
+    auto without_blanks = [](std::string s) {
+        s.erase(std::remove(s.begin(), s.end(), ' '), s.end());
+        return s;
+    };
+    std::string month = strftime_local(t, "%b");
+    ASSERT_EQ(month[0], ' ');
+    std::string want = "01-" + month.substr(1) + "-04.14:05:09";
+    EXPECT_EQ(token(date_fmt_token_general(t, DATE_TOKEN_DATE_TIME, DATE_STYLE_PRODUCT, 0, 0)), want);
+    EXPECT_EQ(token(date_fmt_token_general(t, DATE_TOKEN_DATE, DATE_STYLE_PRODUCT, 0, 0)),
+              without_blanks(strftime_local(t, "%d-%b-%y")));
+    EXPECT_EQ(token(date_fmt_token_general(t, DATE_TOKEN_SHORT, DATE_STYLE_PRODUCT, 0, 0)),
+              without_blanks(strftime_local(t, "%d-%b.%H:%M")));
+    // The locale's name is stored without its blank, so the token reads back.
+    time_t back = 0;
+    ASSERT_EQ(date_str_to_time(want.c_str(), &back), 0) << want;
+    EXPECT_EQ(back, t);
+    // The ls form is no token: its blanks stay.
+    EXPECT_STREQ(date_fmt_ls_date_time(t), strftime_local(t, "%b %d %H:%M").c_str());
     ks::clock_release();
 }
 
@@ -741,6 +769,31 @@ TEST_F(DateIso, AbsentFieldsFollowTheDirection)
     fix(2028, 3, 1, 8);
     EXPECT_EQ(at("--02-29"), local_time(2028, 2, 29));
     EXPECT_EQ(at("-365"), local_time(2027, 12, 31)); // 2028's day 365 lies ahead
+}
+
+TEST_F(DateIso, ADayTheMovedMonthOrYearLacksIsRefused)
+{
+    // Never carried into the following month: 31 November is no 1 December.
+    fix(2026, 12, 15);
+    refused("---31");                                    // 31 December lies ahead; November has 30
+    EXPECT_EQ(at("---31", kFuture), local_time(2026, 12, 31));
+    fix(2026, 11, 15);
+    EXPECT_EQ(at("---31"), local_time(2026, 10, 31));    // November lacks it: a month back
+    EXPECT_EQ(at("---31", kFuture), local_time(2026, 12, 31));
+    // 29 February as the product grammar reads it.
+    fix(2028, 1, 15);
+    refused("--02-29");                                  // ahead, and 2027 has none
+    refused("29-feb");
+    EXPECT_EQ(at("--02-29", kFuture), local_time(2028, 2, 29));
+    fix(2027, 3, 15);
+    refused("--02-29");
+    EXPECT_EQ(at("--02-29", kFuture), local_time(2028, 2, 29));
+    EXPECT_EQ(at("29-feb", kFuture), local_time(2028, 2, 29));
+    // Day 366 of a year that has 365.
+    EXPECT_EQ(at("-366", kFuture), local_time(2028, 12, 31));
+    refused("-366");
+    fix(2028, 3, 1);
+    refused("-366");                                     // ahead in 2028, and 2027 has 365
 }
 
 // ---- Bad input -----------------------------------------------------------------

@@ -113,7 +113,8 @@ KS_API void date_init(void);
 /*
  * Parsing.  0 on success with the time in *t; 1 on failure with *t unchanged
  * and nothing printed (callers show date_usage_date_time()).  The texts are
- * NUL-terminated; at most 1023 bytes of them are ever examined.
+ * NUL-terminated; one longer than 1023 bytes fails without being read to its
+ * end.
  */
 
 /* The product grammar, then ISO 8601; incomplete dates resolve to the past. */
@@ -128,9 +129,11 @@ KS_API int date_str_to_time(const char *str, time_t *t);
  * the past, before it for the future) it moves by one unit of the field just
  * above the given ones: "--12-01" on 15 November 2026 gives 1 December 2025
  * in the past direction, "T14:00" at 13:00 gives yesterday's 14:00, "99-01-01"
- * gives 1999.  A weekday alone ("-W-3") is the nearest such day, 0 to 6 days
- * back or ahead.  A day past its month's end, a day of year past its year's
- * end and 24:00 with minutes or seconds are refused.  A zone designator makes
+ * gives 1999.  A day that the current month or year lacks moves the same way
+ * ("--02-29" on 15 March 2027: 29 February 2028 for the future, refused for
+ * the past).  A weekday alone ("-W-3") is the nearest such day, 0 to 6 days
+ * back or ahead.  A day past the end of its final month or year, and 24:00
+ * with minutes or seconds, are refused.  A zone designator makes
  * the fields UTC plus its offset; without one they are local time. */
 KS_API int date_str_to_time2(const char *str, int direction, time_t *t);
 /* The product grammar alone (no ISO 8601), direction as date_str_to_time2. */

@@ -644,6 +644,24 @@ time_t fields_to_time(const ks::iso_data *d, struct tm *tm)
     return t - zone_offset(d);
 }
 
+// Whether the day of b exists: a day of year within its year, or a day of
+// month within its month (a month moved by one may lie just outside 0..11).
+bool day_exists(const struct tm &b, bool by_yday)
+{
+    long year = b.tm_year + 1900L;
+    if (by_yday)
+        return b.tm_mday <= (is_leap(year) ? 366 : 365);
+    int mon = b.tm_mon;
+    if (mon < 0) {
+        mon += 12;
+        year--;
+    } else if (mon > 11) {
+        mon -= 12;
+        year++;
+    }
+    return b.tm_mday <= days_in_month(year, mon + 1);
+}
+
 } // namespace
 
 namespace ks {
@@ -891,21 +909,18 @@ void default_iso_data(iso_data *d, int direction)
 
 int encode_iso_data(const iso_data *given, const iso_data *f, int direction, time_t *result)
 {
-    long year = f->century * 100L + f->year;
-    if (f->yday >= 0) {
-        if (f->yday > (is_leap(year) ? 366 : 365))
-            return 1;
-    } else if (f->mday > days_in_month(year, f->month)) {
-        return 1;
-    }
     if (f->hour == 24 && (f->minute > 0 || f->second > 0))
         return 1;
 
+    bool by_yday = f->yday >= 0;
+    // Only a day the text names can be missing from its month or year; a
+    // filled-in day is always there.
+    bool day_given = given->mday >= 0 || given->yday >= 0;
     struct tm tm;
     memset(&tm, 0, sizeof tm);
-    tm.tm_year = (int)(year - 1900);
-    tm.tm_mon = f->yday >= 0 ? 0 : f->month - 1;
-    tm.tm_mday = f->yday >= 0 ? f->yday : f->mday;
+    tm.tm_year = (int)(f->century * 100L + f->year - 1900);
+    tm.tm_mon = by_yday ? 0 : f->month - 1;
+    tm.tm_mday = by_yday ? f->yday : f->mday;
     tm.tm_hour = f->hour;
     tm.tm_min = f->minute;
     tm.tm_sec = f->second;
@@ -929,10 +944,15 @@ int encode_iso_data(const iso_data *given, const iso_data *f, int direction, tim
         while (high < L_COUNT && !given_level[high])
             high++;
         // Fields above the given ones came from now: when that lands on the
-        // wrong side of now, move by one unit of the field just above.
-        time_t now = high > 0 && high < L_COUNT ? ks::clock_time() : t;
-        bool wrong = direction == DATE_DIRECTION_PAST ? t > now : t < now;
-        if (wrong) {
+        // wrong side of now, or on a day the current month or year lacks
+        // (--02-29 in 2027), move by one unit of the field just above.
+        bool move = false;
+        if (high > 0 && high < L_COUNT) {
+            time_t now = ks::clock_time();
+            move = (day_given && !day_exists(base, by_yday)) ||
+                   (direction == DATE_DIRECTION_PAST ? t > now : t < now);
+        }
+        if (move) {
             int step = direction == DATE_DIRECTION_PAST ? -1 : 1;
             switch (high - 1) {
             case L_CENTURY: base.tm_year += 100 * step; break;
@@ -945,6 +965,10 @@ int encode_iso_data(const iso_data *given, const iso_data *f, int direction, tim
             tm = base;
             t = fields_to_time(f, &tm);
         }
+        // A day past the end of its month or year is refused, never carried
+        // into the next one.
+        if (day_given && !day_exists(base, by_yday))
+            return 1;
     }
     if (t == (time_t)-1 || t < 0)
         return 1;
@@ -1134,6 +1158,7 @@ int date_numeric_str_to_time(const char *str, int format, const char *sep, time_
 {
     if (str == nullptr || t == nullptr || strnlen(str, kMaxText + 1) > kMaxText)
         return 1;
+    date_init();
     char fmt[96];
     if (format == DATE_NUMERIC_ANY) {
         for (int f = 0; f < DATE_NUMERIC_COUNT; f++)

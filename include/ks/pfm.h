@@ -94,8 +94,8 @@ KS_API int pfm_cleanup_reset(pfm_cleanup_t *rec);
 /* Registers an exit handler; handlers run newest first, each once.  A null
  * procedure is ignored; running out of memory is a failed assertion. */
 KS_API void pfm_on_exit(pfm_exit_handler_t fn, void *arg);
-/* Replaces the procedure that ends the process (null: exit again); returns
- * the previous one. */
+/* Replaces the procedure that ends the process, initially exit (null puts
+ * exit back); returns the previous one. */
 KS_API pfm_exit_routine_t pfm_set_exit(pfm_exit_routine_t fn);
 /* Runs the exit handlers, then the process-ending procedure. */
 KS_API void pfm_exit(int status);

@@ -51,8 +51,7 @@ volatile sig_atomic_t last_inh_signal = 0;
 volatile sig_atomic_t pfm_select_sleeping = 0;
 pfm_cleanup_t *volatile cl_rec_root = nullptr;
 on_exit_entry *volatile on_exit_list = nullptr;
-void exit_routine_default(int status) { exit(status); }
-pfm_exit_routine_t saved_exit_routine = exit_routine_default;
+pfm_exit_routine_t saved_exit_routine = exit;
 // Set while a panic or assertion prints, so that a fault in printing ends quietly.
 volatile sig_atomic_t aborting = 0;
 
@@ -452,7 +451,7 @@ pfm_exit_routine_t pfm_set_exit(pfm_exit_routine_t fn)
 {
     ensure_init();
     pfm_exit_routine_t prev = saved_exit_routine;
-    saved_exit_routine = fn != nullptr ? fn : exit_routine_default;
+    saved_exit_routine = fn != nullptr ? fn : exit;
     return prev;
 }
 

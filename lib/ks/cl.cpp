@@ -10,6 +10,7 @@
 #include "ks/pfm.h"
 #include "ks/stg.h"
 #include "ks/strutl.h"
+#include "cmdline_internal.h"
 
 struct cl_word {
     int32_t len;
@@ -113,66 +114,6 @@ void set_error(cl_handle *clh, int code)
 {
     clh->error = code;
     clh->etext = clh->word;
-}
-
-// Byte kinds for the splitter's fast path.  Bytes below 0x80 are single
-// characters in every locale we run under, and their white space is the
-// ASCII set; other bytes go through the locale.
-enum : unsigned char { K_PLAIN = 0, K_SPACE = 1, K_SPECIAL = 2, K_HIGH = 3 };
-
-struct byte_kinds {
-    unsigned char k[256];
-    constexpr byte_kinds() : k()
-    {
-        for (int c = 0x80; c < 256; c++)
-            k[c] = K_HIGH;
-        k[' '] = k['\t'] = k['\n'] = k['\v'] = k['\f'] = k['\r'] = K_SPACE;
-        k['\0'] = k['\\'] = k['"'] = k['\''] = K_SPECIAL;
-    }
-};
-constexpr byte_kinds kinds;
-
-unsigned char kind(const char *s)
-{
-    return kinds.k[(unsigned char)*s];
-}
-
-bool is_space(const char *s, int *len)
-{
-    unsigned char k = kind(s);
-    if (k != K_HIGH) {
-        *len = 1;
-        return k == K_SPACE;
-    }
-    bool sp = strutl_test_char(s, STRUTL_CT_SPACE, len) != 0;
-    if (*len < 1)
-        *len = 1;
-    return sp;
-}
-
-int char_len(const char *s)
-{
-    if (kind(s) != K_HIGH || MB_CUR_MAX == 1)
-        return *s ? 1 : 0;
-    return strutl_mblen(s);
-}
-
-// Number of runs of non-space characters: an upper bound of the words.
-int32_t count_runs(const char *line)
-{
-    int32_t runs = 0;
-    bool in_run = false;
-    for (const char *p = line; *p;) {
-        int len = 1;
-        bool sp = is_space(p, &len);
-        if (len < 1)
-            len = 1;
-        if (!sp && !in_run)
-            runs++;
-        in_run = !sp;
-        p += len;
-    }
-    return runs;
 }
 
 // A handle with its arrays, all empty; null (nothing kept) when one fails.
@@ -309,7 +250,7 @@ cl_handle_t *cl_parse_line(const char *line, int *error)
     if (line == nullptr)
         line = "";
     size_t len = strlen(line);
-    int32_t runs = count_runs(line);
+    int32_t runs = ks::cmdline_count_runs(line);
     // Each word takes at most its own input bytes plus a NUL.
     if (len > 0x3FFFFFF0u) {
         if (error)
@@ -335,7 +276,7 @@ cl_handle_t *cl_parse_line(const char *line, int *error)
             break;
         if (quote == 0) {
             int sl = 1;
-            if (is_space(p, &sl)) {
+            if (ks::cmdline_is_space(p, &sl)) {
                 if (c == '\n' && !escaped)
                     break;
                 if (in_word) {
@@ -345,7 +286,7 @@ cl_handle_t *cl_parse_line(const char *line, int *error)
                     nwords++;
                     in_word = false;
                 }
-                p += sl > 0 ? sl : 1;
+                p += sl;
                 continue;
             }
             if (!in_word) {
@@ -381,14 +322,11 @@ cl_handle_t *cl_parse_line(const char *line, int *error)
                 continue;
             }
         }
-        int n = char_len(p);
-        if (n < 1)
-            n = 1;
-        for (int i = 0; i < n && p[i]; i++)
-            *out++ = p[i];
-        p += n;
+        int n = ks::cmdline_char_len(p);
+        for (int i = 0; i < n; i++)
+            *out++ = *p++;
         // Ordinary characters need no decision: copy them in one go.
-        while (kind(p) == K_PLAIN)
+        while (ks::cmdline_kind(p) == ks::CMDLINE_PLAIN)
             *out++ = *p++;
     }
     if (in_word) {
@@ -422,7 +360,7 @@ int cl_getopt(cl_handle_t *clh, const char *optstring)
     clear_error(clh);
     if (clh->word >= clh->eoo)
         return 0;
-    if (clh->pos == clh->word && strcmp(clh->word, "--") == 0) {
+    if (strcmp(clh->word, "--") == 0) {
         clh->eoo = clh->word;
         next_word(clh);
         return 0;
@@ -443,8 +381,13 @@ int cl_getopt(cl_handle_t *clh, const char *optstring)
         return '?';
     }
     advance_letter(clh);
-    clh->seen[clh->nseen++] = c;
-    clh->seen[clh->nseen] = '\0';
+    // Only membership is ever asked of the seen letters: a letter already
+    // there is not added again, so rescans after cl_setoffset cannot outgrow
+    // the buffer (at most one byte per byte of the words).
+    if (memchr(clh->seen, c, (size_t)clh->nseen) == nullptr) {
+        clh->seen[clh->nseen++] = c;
+        clh->seen[clh->nseen] = '\0';
+    }
     clear_error(clh);
     return (unsigned char)c;
 }
@@ -489,7 +432,7 @@ char *cl_getname(cl_handle_t *clh)
 char *cl_getarg_noopt(cl_handle_t *clh)
 {
     check(clh);
-    if (clh->index < clh->count && clh->pos == clh->word && clh->word[0] == '-') {
+    if (clh->index < clh->count && clh->word[0] == '-') {
         clear_error(clh);
         return nullptr;
     }

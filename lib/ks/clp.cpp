@@ -16,6 +16,7 @@
 #include "ks/ks_product.h"
 #include "ks/pfm.h"
 #include "ks/strutl.h"
+#include "cmdline_internal.h"
 #include "ks_internal.h"
 
 namespace {
@@ -254,64 +255,6 @@ clp_hdl *make_handle(int argc, char **argv, const clp_flag_desc_t *desc, stg_are
     return h;
 }
 
-// Byte kinds for the splitter's fast path.  Bytes below 0x80 are single
-// characters in every locale we run under, and their white space is the
-// ASCII set; other bytes go through the locale.
-enum : unsigned char { K_PLAIN = 0, K_SPACE = 1, K_SPECIAL = 2, K_HIGH = 3 };
-
-struct byte_kinds {
-    unsigned char k[256];
-    constexpr byte_kinds() : k()
-    {
-        for (int c = 0x80; c < 256; c++)
-            k[c] = K_HIGH;
-        k[' '] = k['\t'] = k['\n'] = k['\v'] = k['\f'] = k['\r'] = K_SPACE;
-        k['\0'] = k['\\'] = k['"'] = k['\''] = K_SPECIAL;
-    }
-};
-constexpr byte_kinds kinds;
-
-unsigned char kind(const char *s)
-{
-    return kinds.k[(unsigned char)*s];
-}
-
-bool is_space(const char *s, int *len)
-{
-    unsigned char k = kind(s);
-    if (k != K_HIGH) {
-        *len = 1;
-        return k == K_SPACE;
-    }
-    bool sp = strutl_test_char(s, STRUTL_CT_SPACE, len) != 0;
-    if (*len < 1)
-        *len = 1;
-    return sp;
-}
-
-int char_len(const char *s)
-{
-    if (kind(s) != K_HIGH || MB_CUR_MAX == 1)
-        return *s ? 1 : 0;
-    int n = strutl_mblen(s);
-    return n < 1 ? 1 : n;
-}
-
-int count_runs(const char *text)
-{
-    int runs = 0;
-    bool in_run = false;
-    for (const char *p = text; *p;) {
-        int len = 1;
-        bool sp = is_space(p, &len);
-        if (!sp && !in_run)
-            runs++;
-        in_run = !sp;
-        p += len > 0 ? len : 1;
-    }
-    return runs;
-}
-
 // Appends n bytes to the token; false (reported) when the token gets too long.
 bool put(size_t *len, const char *src, int n)
 {
@@ -335,14 +278,14 @@ long get_next_token(const char **pp)
 {
     const char *p = *pp;
     int sl = 1;
-    while (*p && is_space(p, &sl))
-        p += sl > 0 ? sl : 1;
+    while (*p && ks::cmdline_is_space(p, &sl))
+        p += sl;
     size_t len = 0;
     char quote = 0;
     for (;;) {
         char c = *p;
         if (quote == 0) {
-            if (c == '\0' || is_space(p, &sl))
+            if (c == '\0' || ks::cmdline_is_space(p, &sl))
                 break;
             if (c == '\\' && escapable(p[1])) {
                 if (!put(&len, p + 1, 1))
@@ -372,12 +315,9 @@ long get_next_token(const char **pp)
                 continue;
             }
         }
-        int n = char_len(p);
-        int have = 0;
-        while (have < n && p[have])
-            have++;
+        int have = ks::cmdline_char_len(p);
         // Ordinary characters that follow need no decision: take them together.
-        while (kind(p + have) == K_PLAIN)
+        while (ks::cmdline_kind(p + have) == ks::CMDLINE_PLAIN)
             have++;
         if (!put(&len, p, have))
             return -1;
@@ -418,7 +358,7 @@ int split(const char *text, stg_area_t area, int *argc_out, char ***argv_out)
     *argv_out = nullptr;
     if (text == nullptr)
         return 0;
-    int cap = count_runs(text);
+    int cap = ks::cmdline_count_runs(text);
     if (cap == 0)
         return 0;
     char **argv = static_cast<char **>(area_alloc(area, sizeof(char *) * ((size_t)cap + 1)));
@@ -868,8 +808,9 @@ int clp_argv_to_string(int argc, char **argv, stg_area_t area, int escape, char 
             *out++ = w[0];
             continue;
         }
+        // By whole characters: a trail byte that looks like "[" or "~" is no reason to quote.
         bool special = false;
-        for (const char *p = w; *p && !special; p++)
+        for (const char *p = w; *p && !special; p += ks::cmdline_char_len(p))
             special = is_special(*p);
         if (special)
             *out++ = '"';

@@ -121,6 +121,30 @@ TEST(ClGetopt, ColonAndBracketsAreNotLetters)
     EXPECT_EQ(cl_errno(s.h()), CL_EBADOPT);
 }
 
+TEST(ClGetopt, RescansKeepTheGroupRules)
+{
+    // "prog\0-a\0-x\0-x\0": each rescan accepts -a again; the group letter
+    // stays refused however often the words are read.
+    Scanner s({"-a", "-x", "-x"});
+    cl_handle_t *h = s.h();
+    EXPECT_EQ(cl_getopt(h, "a[xy]"), 'a');
+    EXPECT_EQ(cl_getopt(h, "a[xy]"), 'x');
+    EXPECT_EQ(cl_getopt(h, "a[xy]"), '?');
+    EXPECT_EQ(cl_errno(h), CL_EDUPOPT);
+    EXPECT_STREQ(cl_estr(h), "-x");
+    for (int i = 0; i < 5000; i++) {
+        cl_setoffset(h, 5);
+        ASSERT_EQ(cl_getopt(h, "a[xy]"), 'a');
+        ASSERT_EQ(cl_getopt(h, "a[xy]"), '?');
+        ASSERT_EQ(cl_errno(h), CL_EDUPOPT);
+        ASSERT_EQ(cl_getopt(h, "a[xy]"), '?');
+    }
+    cl_setoffset(h, 5);
+    EXPECT_EQ(cl_getopt(h, "a[y]"), 'a');
+    EXPECT_EQ(cl_getopt(h, "a[y]"), '?');
+    EXPECT_EQ(cl_errno(h), CL_EBADOPT);
+}
+
 TEST(ClGetopt, ArgumentIsTheNextWord)
 {
     Scanner s({"-o", "file", "-v"});
@@ -153,6 +177,16 @@ TEST(ClGetopt, DoubleDashEndsOptions)
     EXPECT_EQ(cl_getopt(s.h(), "ab"), 0);
     EXPECT_STREQ(cl_getarg(s.h()), "x");
     EXPECT_EQ(cl_getarg(s.h()), nullptr);
+}
+
+TEST(ClGetopt, DoubleDashEndsOptionsFromAnyPosition)
+{
+    // "prog\0--\0-a\0": the scan moved onto the second dash of "--".
+    Scanner s({"--", "-a"});
+    cl_setoffset(s.h(), 6);
+    EXPECT_EQ(cl_getopt(s.h(), "a"), 0);
+    EXPECT_EQ(cl_getopt(s.h(), "a"), 0);
+    EXPECT_STREQ(cl_getarg(s.h()), "-a");
 }
 
 TEST(ClGetopt, WordWithoutDashStopsOptions)
@@ -230,6 +264,16 @@ TEST(ClGetarg, NooptLeavesDashWords)
     EXPECT_EQ(cl_getarg_noopt(s.h()), nullptr);
 }
 
+TEST(ClGetarg, NooptInsideAClusterIsNoArgument)
+{
+    Scanner s({"-ab", "x"});
+    EXPECT_EQ(cl_getopt(s.h(), "ab"), 'a');
+    EXPECT_EQ(cl_getarg_noopt(s.h()), nullptr);
+    EXPECT_EQ(cl_errno(s.h()), 0);
+    EXPECT_EQ(cl_getopt(s.h(), "ab"), 'b');
+    EXPECT_STREQ(cl_getarg_noopt(s.h()), "x");
+}
+
 TEST(ClGetarg, SubcommandsMatchAbbreviations)
 {
     static const char *const pats[] = {"li[st]", "co[mment]", "c[reate]"};
@@ -264,6 +308,8 @@ TEST(ClMatch, AbbreviationPatterns)
 
 TEST(ClParseLine, ExampleLine)
 {
+    // one; "two words"; it and s each in single quotes, nothing between; then
+    // a, a backslash, a blank and b: the backslash does not hold a and b together.
     EXPECT_EQ(split_line("one \"two words\" 'it''s' a\\ b"),
               (words{"one", "two words", "its", "a", "b"}));
 }

@@ -665,6 +665,20 @@ TEST(ClpArgvToString, QuotesAndEscapes)
     stg_delete_area(&area);
 }
 
+TEST(ClpArgvToString, TrailBytesAreNotSpecial)
+{
+    ASSERT_NE(setlocale(LC_ALL, "ja_JP.SJIS"), nullptr);
+    // 0x81 0x5B and 0x83 0x7E are whole characters whose second bytes are "[" and "~".
+    Argv a({"\x81\x5B", "a\x83\x7E", "\x81\x5B x"});
+    stg_area_t area = stg_create_area(100);
+    char *text = nullptr;
+    ASSERT_EQ(clp_argv_to_string(a.argc(), a.argv(), area, 0, &text), 0);
+    EXPECT_STREQ(text, "\x81\x5B a\x83\x7E \"\x81\x5B x\"");
+    EXPECT_EQ(split(text), (words{"\x81\x5B", "a\x83\x7E", "\x81\x5B x"}));
+    stg_delete_area(&area);
+    setlocale(LC_ALL, "C");
+}
+
 TEST(ClpArgvToString, UnclosedQuoteFails)
 {
     std::string err = stderr_of([] {
@@ -823,6 +837,22 @@ TEST(ClpHistory, LineLayout)
     EXPECT_NE(regexec(&line, ("x" + all.substr(want.size())).c_str(), 0, nullptr, 0), 0);
     regfree(&line);
     EXPECT_NE(all.find("ktool log '-v' in "), std::string::npos);
+    ks::clock_release();
+}
+
+TEST(ClpHistory, LineWithoutAWorkingDirectory)
+{
+    HostData host(true);
+    ks::clock_fix(kNow, kNowUsec);
+    ks_test::temp_dir gone;
+    std::string sub = gone.file("sub");
+    ASSERT_EQ(mkdir(sub.c_str(), 0755), 0);
+    ASSERT_EQ(chdir(sub.c_str()), 0);
+    ASSERT_EQ(rmdir(sub.c_str()), 0);
+    char cwd[1024];
+    ASSERT_EQ(getcwd(cwd, sizeof cwd), nullptr);
+    clp_log_cl_args("ktool", 0, nullptr);
+    EXPECT_EQ(host.history(), "2021:03:04:05:06:07.089 (" + std::to_string(getpid()) + ") ktool \n");
     ks::clock_release();
 }
 

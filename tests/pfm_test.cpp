@@ -285,10 +285,16 @@ TEST(PfmSignals, InitRecordsDispositionsAndResetsSigchld)
         say("usr2:%d ", pfm_signal(SIGUSR2, note_signal) == (pfm_signal_t)SIG_DFL);
         say("chld:%d ", os_handler(SIGCHLD) == SIG_DFL);
         say("kill:%d ", pfm_signal(SIGKILL, note_signal) == (pfm_signal_t)SIG_ERR);
-        say("prev:%d", pfm_signal(SIGUSR1, count_signal) == note_signal);
+        say("prev:%d ", pfm_signal(SIGUSR1, count_signal) == note_signal);
+        errno = 0;
+        say("err:%d ", pfm_signal(SIGUSR1, (pfm_signal_t)SIG_ERR) == (pfm_signal_t)SIG_ERR &&
+                           errno == EINVAL);
+        // Refused: the handler before it still runs.
+        kill(getpid(), SIGUSR1);
+        say("calls:%d", (int)calls);
         return 0;
     });
-    EXPECT_EQ(r.out, "usr1:1 usr2:1 chld:1 kill:1 prev:1");
+    EXPECT_EQ(r.out, "usr1:1 usr2:1 chld:1 kill:1 prev:1 err:1 calls:1");
 }
 
 void foreign_handler(int) { say("foreign "); }

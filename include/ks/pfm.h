@@ -69,7 +69,8 @@ typedef void (*pfm_exit_routine_t)(int status);
 /* Records the dispositions and installs the default catchers (once). */
 KS_API void pfm_init(void);
 /* Sets the library-level handler of sig; returns the previous one, or SIG_ERR
- * (errno set) for a signal outside 1 to 48 or one the system refuses. */
+ * (errno set) for a signal outside 1 to 48, a SIG_ERR handler, or one the
+ * system refuses. */
 KS_API pfm_signal_t pfm_signal(int sig, pfm_signal_t handler);
 /* Unwinds to the innermost clean-up record with value; with none, exits. */
 KS_API KS_NORETURN void pfm_raise(int value);

@@ -280,7 +280,8 @@ void pfm_init(void)
 pfm_signal_t pfm_signal(int sig, pfm_signal_t handler)
 {
     ensure_init();
-    if (sig < 1 || sig > kNsig) {
+    // SIG_ERR is no procedure: the common handler would jump to it.
+    if (sig < 1 || sig > kNsig || handler == (pfm_signal_t)SIG_ERR) {
         errno = EINVAL;
         return (pfm_signal_t)SIG_ERR;
     }

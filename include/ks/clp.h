@@ -118,7 +118,7 @@ KS_API int clp_get_argc(clp_hdl_t *handle);
 KS_API int clp_match(const char *word, const char *name);
 
 /* Joins the words with blanks into *text (from area; null: the heap, release
- * with stg_free), quoting words with blanks or any of "?*~[]"; a word in
+ * with stg_free), quoting words with white space or any of "?*~[]"; a word in
  * quotes keeps them, with escape (0: none) before each.  0, or 1 (message 4
  * for a word that opens a quote it does not close; or out of memory). */
 KS_API int clp_argv_to_string(int argc, char **argv, stg_area_t area, int escape, char **text);

@@ -328,6 +328,13 @@ long get_next_token(const char **pp)
     return (long)len;
 }
 
+// Blocks of no area and of the heap pseudo-area are the caller's to free one by
+// one, so a failure or a grown array must give them back.
+bool on_heap(stg_area_t area)
+{
+    return area == STG_AREA_NULL || area == STG_AREA_HEAP;
+}
+
 void *area_alloc(stg_area_t area, size_t size)
 {
     return area ? stg_alloc(area, size) : stg_malloc(size);
@@ -369,7 +376,7 @@ int split(const char *text, stg_area_t area, int *argc_out, char ***argv_out)
     for (;;) {
         long len = get_next_token(&p);
         if (len < 0) {
-            if (!area)
+            if (on_heap(area))
                 free_heap_words(argv, n);
             return 1;
         }
@@ -380,19 +387,19 @@ int split(const char *text, stg_area_t area, int *argc_out, char ***argv_out)
             int ncap = cap * 2;
             char **grown = static_cast<char **>(area_alloc(area, sizeof(char *) * ((size_t)ncap + 1)));
             if (grown == nullptr) {
-                if (!area)
+                if (on_heap(area))
                     free_heap_words(argv, n);
                 return 1;
             }
             memcpy(grown, argv, sizeof(char *) * (size_t)n);
-            if (!area)
+            if (on_heap(area))
                 stg_free(argv);
             argv = grown;
             cap = ncap;
         }
         char *word = area_copy(area, token_buf, (size_t)len);
         if (word == nullptr) {
-            if (!area)
+            if (on_heap(area))
                 free_heap_words(argv, n);
             return 1;
         }
@@ -400,7 +407,7 @@ int split(const char *text, stg_area_t area, int *argc_out, char ***argv_out)
     }
     argv[n] = nullptr;
     if (n == 0) {
-        if (!area)
+        if (on_heap(area))
             stg_free(argv);
         return 0;
     }
@@ -795,7 +802,7 @@ int clp_argv_to_string(int argc, char **argv, stg_area_t area, int escape, char 
         if (w[0] == '"' || w[0] == '\'') {
             if (n < 2 || w[n - 1] != w[0]) {
                 imsg_print(IMSG_ERROR, &_clp_ks_msg_table, MSG_UNTERMINATED);
-                if (!area)
+                if (on_heap(area))
                     stg_free(buf);
                 return 1;
             }
@@ -822,7 +829,7 @@ int clp_argv_to_string(int argc, char **argv, stg_area_t area, int escape, char 
     *out = '\0';
     if (text)
         *text = buf;
-    else if (!area)
+    else if (on_heap(area))
         stg_free(buf);
     return 0;
 }

@@ -626,6 +626,10 @@ TEST_F(DateGrammar, Times)
     refused("14:05UTC+1:");
     refused("14:05UTC+123");
     refused("14:05X");
+    refused("14UTC:05");
+    refused("14UTC+1:30");
+    refused("1a:05");
+    refused("1-4:05");
 }
 
 TEST_F(DateGrammar, MalformedDatesChangeNothing)
@@ -635,6 +639,47 @@ TEST_F(DateGrammar, MalformedDatesChangeNothing)
                          "1-jan-4x",    "yesterdays", "1-jan-04abc", "12-mar-04.14:05UTC+1:3x"};
     for (const char *b : bad)
         refused(b);
+}
+
+TEST(DateLocale, CatalogueKeywordsSitAtTheirIndexes)
+{
+    // In the C locale the locale's names are the English ones too; the
+    // catalogue's are checked one by one, so that an entry taken from the
+    // neighbouring index shows.
+    const ks::date_tables &t = ks::date_get_tables();
+    const char *months[12][2] = {{"JANUARY", "JAN"}, {"FEBRUARY", "FEB"}, {"MARCH", "MAR"},
+                                 {"APRIL", "APR"},   {"MAY", "MAY"},      {"JUNE", "JUN"},
+                                 {"JULY", "JUL"},    {"AUGUST", "AUG"},   {"SEPTEMBER", "SEP"},
+                                 {"OCTOBER", "OCT"}, {"NOVEMBER", "NOV"}, {"DECEMBER", "DEC"}};
+    const int32_t last_day[12] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    for (int i = 0; i < 12; i++) {
+        EXPECT_STREQ(t.months[i].cat_name, months[i][0]) << i;
+        EXPECT_STREQ(t.months[i].cat_abbr, months[i][1]) << i;
+        EXPECT_STREQ(t.months[i].loc_abbr, months[i][1]) << i;
+        EXPECT_EQ(t.months[i].value, last_day[i]) << i;
+    }
+    const char *days[7][2] = {{"SUNDAY", "SUN"},    {"MONDAY", "MON"}, {"TUESDAY", "TUE"},
+                              {"WEDNESDAY", "WED"}, {"THURSDAY", "THU"}, {"FRIDAY", "FRI"},
+                              {"SATURDAY", "SAT"}};
+    for (int i = 0; i < 7; i++) {
+        EXPECT_STREQ(t.weekdays[i].cat_name, days[i][0]) << i;
+        EXPECT_STREQ(t.weekdays[i].cat_abbr, days[i][1]) << i;
+        EXPECT_STREQ(t.weekdays[i].loc_name, days[i][0]) << i;
+        EXPECT_EQ(t.weekdays[i].value, i);
+    }
+    EXPECT_STREQ(t.special[0].cat_name, "TODAY");
+    EXPECT_STREQ(t.special[0].cat_abbr, "TODAY");
+    EXPECT_STREQ(t.special[0].loc_name, "");
+    EXPECT_EQ(t.special[0].value, 0);
+    EXPECT_STREQ(t.special[1].cat_name, "YESTERDAY");
+    EXPECT_STREQ(t.special[1].cat_abbr, "YESTERDAY");
+    EXPECT_EQ(t.special[1].value, -1);
+    EXPECT_STREQ(t.now_word, "NOW");
+    EXPECT_STREQ(t.none_word, "NONE");
+    EXPECT_STREQ(t.date_sep, "-");
+    EXPECT_STREQ(t.time_sep, ":");
+    EXPECT_STREQ(t.field_sep, ".");
+    EXPECT_STREQ(t.utc_word, "UTC");
 }
 
 TEST(DateLocale, GermanNamesParse)

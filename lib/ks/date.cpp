@@ -360,6 +360,19 @@ bool legacy_parse_zone(const char *z, long *offset)
 
 bool legacy_parse_time(char *text, legacy_time *out)
 {
+    // In every text that parses, the hours before the first separator are a
+    // plain number (the zone word comes after the minutes): looking at them
+    // first turns texts of other forms, ISO 8601 above all, away cheaply.
+    const char *colon = strstr(text, tables.time_sep);
+    if (colon == nullptr)
+        return false;
+    const char *p = text + (*text == '+' || *text == '-');
+    if (p == colon)
+        return false;
+    for (; p < colon; p++)
+        if (*p < '0' || *p > '9')
+            return false;
+
     out->utc = false;
     out->offset = 0;
     char *zone = strstr(text, tables.utc_word);

@@ -29,7 +29,7 @@ struct cl_handle {
     char *etext;
     char eopt[2];
     int32_t nseen;
-    char *seen;          // accepted letters in order
+    char *seen;          // accepted letters, each once, in order of acceptance
     int32_t count;       // words, the terminal empty word excluded
     cl_word *words;      // count + 1 pairs
 };

@@ -616,6 +616,16 @@ TEST_F(DateGrammar, Times)
     // Daylight saving is the system's: summer times are an hour nearer UTC.
     EXPECT_EQ(at("1-jul-26.12:00") , utc_time(2026, 7, 1, 10));
     EXPECT_EQ(at("1-jan-26.12:00"), utc_time(2026, 1, 1, 11));
+    // A UTC time is exact also where the local clock jumps or repeats (Berlin
+    // skips 02:00-03:00 on 29 March 2026 and repeats 02:00-03:00 on 25
+    // October), and near the epoch although local time there is 1970's first
+    // hour.
+    EXPECT_EQ(at("29-mar-26.01:30UTC"), utc_time(2026, 3, 29, 1, 30));
+    EXPECT_EQ(at("29-mar-26.02:30UTC"), utc_time(2026, 3, 29, 2, 30));
+    EXPECT_EQ(at("25-oct-26.00:30UTC"), utc_time(2026, 10, 25, 0, 30));
+    EXPECT_EQ(at("25-oct-26.01:30UTC"), utc_time(2026, 10, 25, 1, 30));
+    EXPECT_EQ(at("1-jan-70.00:30UTC"), 1800);
+    refused("31-dec-69.23:30UTC");
     refused("14");
     refused("14:");
     refused(":05");

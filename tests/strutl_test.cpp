@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <iconv.h>
 #include <locale.h>
+#include <malloc.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -169,6 +170,8 @@ TEST(StrutlNumbers, SizesWithSuffixes)
     EXPECT_EQ(v, 1);
     EXPECT_EQ(strutl_kstr_or_str_to_long("77", &v), 0u);
     EXPECT_EQ(v, 77);
+    EXPECT_EQ(strutl_kstr_or_str_to_long("-0.5", &v), 0u);
+    EXPECT_EQ(v, 1);           // not 0: the raise to 1 looks only at "not 0"
     EXPECT_EQ(strutl_kstr_or_str_to_long("1T", &v), 1u);
     EXPECT_EQ(strutl_kstr_or_str_to_long("1e30G", &v), 1u);
 }
@@ -308,8 +311,9 @@ TEST(StrutlExpand, TemporaryAreaReleased)
 volatile sig_atomic_t inside_expand = 0;
 void unwind_handler(int) { pfm_raise(55); }
 
-// One round: expand until the timer unwinds; returns the unwind's value.
-__attribute__((noinline)) int expand_until_unwound(const char *text)
+// One round: expand (one pass, or iterated) until the timer unwinds;
+// returns the unwind's value.
+__attribute__((noinline)) int expand_until_unwound(const char *text, bool iterate = false)
 {
     static pfm_cleanup_t rec;
     static struct itimerval it = {{0, 2000}, {0, 2000}};
@@ -317,7 +321,7 @@ __attribute__((noinline)) int expand_until_unwound(const char *text)
         setitimer(ITIMER_REAL, &it, nullptr);
         for (;;) {
             inside_expand = 1;
-            char *r = strutl_expand_evs(text);
+            char *r = iterate ? strutl_expand_evs_iterate(text, 0) : strutl_expand_evs(text);
             inside_expand = 0;
             stg_free(r);
         }
@@ -353,6 +357,48 @@ TEST(StrutlExpand, AreaReleasedOnUnwind)
                 return 12;
         }
         return caught_inside >= 5 ? 0 : 13;
+    });
+    EXPECT_EQ(res.exit_code(), 0) << res.err;
+}
+
+// Unwinds landing between the passes of the iterating form: neither the
+// temporary areas nor the intermediate results stay behind.
+TEST(StrutlExpand, IterateReleasesEverythingOnUnwind)
+{
+    auto res = run_in_child([] {
+        pfm_init();
+        setenv("KS_P", "$KS_Q", 1);
+        setenv("KS_Q", "done", 1);
+        std::string big;
+        for (int i = 0; i < 20000; i++)
+            big += "$KS_P\\x";
+        size_t areas = area_count();
+        // Warm up the allocator before taking its measure.
+        for (int i = 0; i < 3; i++)
+            stg_free(strutl_expand_evs_iterate(big.c_str(), 0));
+        size_t heap = mallinfo2().uordblks;
+        pfm_signal(SIGALRM, unwind_handler);
+        int caught_inside = 0;
+        for (int round = 0; round < 100; round++) {
+            if (expand_until_unwound(big.c_str(), true) != 55)
+                return 10;
+            if (inside_expand)
+                caught_inside++;
+            inside_expand = 0;
+            if (area_count() != areas)
+                return 11;
+            if (pfm_inhibit_count() != 0)
+                return 12;
+        }
+        if (caught_inside < 20)
+            return 13;
+        // Each intermediate result is over 100 KB: a leak of them shows.
+        size_t grown = mallinfo2().uordblks - heap;
+        if (mallinfo2().uordblks > heap && grown > (1u << 20)) {
+            fprintf(stderr, "heap grew by %zu\n", grown);
+            return 14;
+        }
+        return 0;
     });
     EXPECT_EQ(res.exit_code(), 0) << res.err;
 }
@@ -526,6 +572,87 @@ TEST(StrutlUtf, Utf16MalformedAndLimits)
     }
 }
 
+// The conversion rules written out plainly, one character at a time (the
+// pieces are the bytes of each character).
+std::vector<std::string> utf16to8_by_rule(const std::vector<wchar_t> &u)
+{
+    std::vector<std::string> chars;
+    for (size_t i = 0; i < u.size();) {
+        uint32_t ch = static_cast<uint32_t>(u[i++]);
+        if (ch >= 0xD800 && ch <= 0xDBFF && i < u.size()) {
+            uint32_t c2 = static_cast<uint32_t>(u[i]);
+            if (c2 >= 0xDC00 && c2 <= 0xDFFF) {
+                ch = ((ch - 0xD800) << 10) + (c2 - 0xDC00) + 0x10000;
+                i++;
+            }
+        }
+        std::string c;
+        if (ch >= 0x200000)
+            c = "\xFF\xBD";
+        else
+            append_utf8(c, ch);
+        chars.push_back(c);
+    }
+    return chars;
+}
+
+// Random units, lone and paired surrogates, values past the last plane and
+// negative ones, with ASCII runs long enough for the block paths: at every
+// kind of capacity the output is the longest run of whole characters that
+// fits, terminated, with nothing written past dst[capacity].
+TEST(StrutlUtf, Utf16RandomUnitsFollowTheRules)
+{
+    std::mt19937 rng(4242);
+    for (int iter = 0; iter < 3000; iter++) {
+        std::vector<wchar_t> u;
+        int n = static_cast<int>(rng() % 50);
+        for (int k = 0; k < n; k++) {
+            uint32_t r = rng() % 100;
+            if (r < 10) {
+                for (uint32_t run = rng() % 24; run > 0; run--)
+                    u.push_back(static_cast<wchar_t>(0x20 + rng() % 0x5F));
+            } else if (r < 30) {
+                u.push_back(static_cast<wchar_t>(rng() % 0x80));
+            } else if (r < 45) {
+                u.push_back(static_cast<wchar_t>(0x80 + rng() % 0x780));
+            } else if (r < 60) {
+                u.push_back(static_cast<wchar_t>(0x800 + rng() % 0xF800));
+            } else if (r < 72) {
+                u.push_back(static_cast<wchar_t>(0xD800 + rng() % 0x400));
+            } else if (r < 84) {
+                u.push_back(static_cast<wchar_t>(0xDC00 + rng() % 0x400));
+            } else if (r < 92) {
+                u.push_back(static_cast<wchar_t>(0x10000 + rng() % 0x1F0000));
+            } else if (r < 97) {
+                u.push_back(static_cast<wchar_t>(0x200000 + rng() % 0x7FE00000));
+            } else {
+                u.push_back(static_cast<wchar_t>(-1 - static_cast<int>(rng() % 1000)));
+            }
+        }
+        std::vector<std::string> chars = utf16to8_by_rule(u);
+        std::string whole;
+        for (const std::string &c : chars)
+            whole += c;
+        size_t caps[] = {whole.size(), whole.size() + 3, rng() % (whole.size() + 1),
+                         whole.size() ? whole.size() - 1 : 0};
+        for (size_t cap : caps) {
+            std::string fit;
+            for (const std::string &c : chars) {
+                if (fit.size() + c.size() > cap)
+                    break;
+                fit += c;
+            }
+            std::vector<unsigned char> out(cap + 24, 0x5A);
+            int rc = strutl_utf16to8(reinterpret_cast<char *>(out.data()), u.data(), u.size(), cap);
+            ASSERT_EQ(rc, fit.size() == whole.size() ? 0 : 3) << iter << " cap " << cap;
+            ASSERT_EQ(std::string(reinterpret_cast<char *>(out.data()), fit.size()), fit) << iter;
+            ASSERT_EQ(out[fit.size()], 0) << iter;
+            for (size_t k = cap + 1; k < out.size(); k++)
+                ASSERT_EQ(out[k], 0x5A) << iter << " cap " << cap << " at " << k;
+        }
+    }
+}
+
 TEST(StrutlUtf, Utf8MalformedAndLimits)
 {
     wchar_t w[8];
@@ -682,7 +809,12 @@ TEST(StrutlSjis, ToEucAgainstIconv)
     }
     iconv_close(cd);
     EXPECT_GT(checked, 6000);
+    // The second byte 0x9F moves to the next (even) row: the row is one
+    // higher than below it, not one lower.
     EXPECT_EQ(strutl_cvt_sjis_to_euc(0x88, 0x9F, nullptr, nullptr), 0xB0A1u);
+    EXPECT_EQ(strutl_cvt_sjis_to_euc(0x88, 0x9E, nullptr, nullptr), 0xAFFEu);
+    EXPECT_EQ(strutl_cvt_sjis_to_euc(0xE0, 0x9F, nullptr, nullptr), 0xE0A1u);
+    EXPECT_EQ(strutl_cvt_sjis_to_euc(0xE0, 0x40, nullptr, nullptr), 0xDFA1u);
 }
 
 TEST(StrutlLocale, SystemCharType)
@@ -812,6 +944,18 @@ TEST(StrutlWalk, TestCharClasses)
     EXPECT_EQ(len, 1);
     EXPECT_EQ(strutl_test_char("\xE2\x80\x83", STRUTL_CT_SPACE, &len), 1);  // em space
     EXPECT_EQ(len, 3);
+}
+
+TEST(StrutlWalk, CompareIgnoringWhiteSpaceInShiftJis)
+{
+    use_locale("ja_JP.SJIS");
+    // Full-width a (0x82 0x81) then '@': its trailing byte and the '@' read
+    // together would be the ideographic space 0x81 0x40.
+    const char *a = "\x82\x81@";
+    EXPECT_EQ(strutl_cmp_ignore_whitespace(a, "\x82\x81\x81\x40@"), 0);
+    EXPECT_EQ(strutl_cmp_ignore_whitespace(" \x82\x81 @ ", a), 0);
+    EXPECT_NE(strutl_cmp_ignore_whitespace(a, "\x82\x81"), 0);
+    EXPECT_LT(strutl_cmp_ignore_whitespace("\x82\x81", a), 0);
 }
 
 TEST(StrutlCase, ShiftJisKeepsDoubleByteCharacters)
@@ -1122,6 +1266,7 @@ TEST(StrutlMessages, ReportedTexts)
         char s[] = "bad \\q escape";
         strutl_cstr_to_str(s);
         strutl_cvt_str_to_wide_str(STG_AREA_HEAP, nullptr);
+        strutl_cvt_str_to_wide_str(STG_AREA_HEAP, "a\xFF");   // not a character in C
         setlocale(LC_ALL, "C.UTF-8");
         strutl_cvt_str_to_wide_str(STG_AREA_HEAP, "ok\xFFrest");
         setlocale(LC_ALL, "C");
@@ -1138,6 +1283,7 @@ TEST(StrutlMessages, ReportedTexts)
         << res.err;
     EXPECT_NE(res.err.find("The string to be converted is null.\n"), std::string::npos);
     EXPECT_NE(res.err.find("Invalid multibyte character: \xFFrest\n"), std::string::npos);
+    EXPECT_NE(res.err.find("Error converting string to wide char string: "), std::string::npos);
     EXPECT_NE(res.err.find("Error converting wide char string to string.\n"), std::string::npos);
     EXPECT_NE(res.err.find("at or near \"%5\""), std::string::npos);
 }

@@ -316,6 +316,37 @@ char *expand_pass(stg_area_t area, char *work, int *found)
     return out.data;
 }
 
+// Passes of strutl_expand_evs_iterate; *cur holds the latest result for the
+// caller's clean-up frame.
+char *expand_passes(const char *str, int limit, char *volatile *cur)
+{
+    int passes = 0;
+    const char *in = str;
+    for (;;) {
+        int flag = 0;
+        char *next = strutl_expand_evs_status(in, &flag);
+        pfm_inhibit();
+        stg_free(*cur);
+        *cur = next;
+        pfm_enable();
+        if (next == nullptr) {
+            errno = ENOMEM;
+            return nullptr;
+        }
+        if (!flag)
+            return next;
+        if (++passes > limit) {
+            pfm_inhibit();
+            *cur = nullptr;
+            pfm_enable();
+            stg_free(next);
+            errno = EINVAL;
+            return nullptr;
+        }
+        in = next;
+    }
+}
+
 // ---- UTF tables ----------------------------------------------------------------
 
 // Converts the leading ASCII units of the next 8 (to bytes) and returns how
@@ -804,29 +835,16 @@ char *strutl_expand_evs_iterate(const char *str, int max)
         errno = EINVAL;
         return nullptr;
     }
-    if (max == 0)
-        max = 8;
-    int passes = 0;
-    char *cur = nullptr;
-    const char *in = str;
-    for (;;) {
-        int flag = 0;
-        char *next = strutl_expand_evs_status(in, &flag);
+    // The intermediate result goes with an unwind as well.
+    char *volatile cur = nullptr;
+    pfm_cleanup_t rec;
+    if (PFM_CLEANUP_START(&rec, 0) != 0) {
         stg_free(cur);
-        if (next == nullptr) {
-            errno = ENOMEM;
-            return nullptr;
-        }
-        cur = next;
-        in = cur;
-        if (!flag)
-            return cur;
-        if (++passes > max) {
-            stg_free(cur);
-            errno = EINVAL;
-            return nullptr;
-        }
+        pfm_raise(rec.value);
     }
+    char *result = expand_passes(str, max == 0 ? 8 : max, &cur);
+    pfm_cleanup_rls(&rec);
+    return result;
 }
 
 // =========================================================================
@@ -856,10 +874,17 @@ int strutl_utf16to8(char *dst, const wchar_t *src, size_t src_units, size_t dst_
         // unpredictably.  Bytes past the character's length are scratch that
         // the next character or the terminator overwrites.
         while (src_units - i >= 2 && end - d >= 4 && static_cast<uint32_t>(src[i]) >= 0x80) {
-            uint32_t u0 = static_cast<uint32_t>(src[i]);
-            uint32_t u1 = static_cast<uint32_t>(src[i + 1]);
-            uint32_t pair = (u0 - 0xD800 < 0x400) & (u1 - 0xDC00 < 0x400);
-            uint32_t ch = pair ? ((u0 - 0xD800) << 10) + (u1 - 0xDC00) + 0x10000 : u0;
+            // A branch, not a select, for the surrogate pair: the position
+            // of the next unit then does not wait for this one's load.
+            uint32_t ch = static_cast<uint32_t>(src[i]);
+            uint32_t pair = 0;
+            if (ch - 0xD800 < 0x400) {
+                uint32_t u1 = static_cast<uint32_t>(src[i + 1]);
+                if (u1 - 0xDC00 < 0x400) {
+                    ch = ((ch - 0xD800) << 10) + (u1 - 0xDC00) + 0x10000;
+                    pair = 1;
+                }
+            }
             uint32_t quirk = ch >= 0x200000;
             ch = quirk ? 0xFFFD : ch;
             uint32_t len = quirk ? 2 : 1 + (ch >= 0x80) + (ch >= 0x800) + (ch >= 0x10000);
@@ -870,15 +895,29 @@ int strutl_utf16to8(char *dst, const wchar_t *src, size_t src_units, size_t dst_
             static const unsigned char shift2[5] = {0, 0, 0, 0, 6};
             unsigned s1 = shift1[len];
             unsigned s2 = shift2[len];
-            d[0] = static_cast<unsigned char>((ch >> shift0[len]) | first_byte_mark[len]);
-            d[1] = static_cast<unsigned char>(0x80 | ((ch >> s1) & 0x3F));
-            d[2] = static_cast<unsigned char>(0x80 | ((ch >> s2) & 0x3F));
-            d[3] = static_cast<unsigned char>(0x80 | (ch & 0x3F));
+            uint32_t b0 = ((ch >> shift0[len]) | first_byte_mark[len]) & 0xFF;
+            uint32_t b1 = 0x80 | ((ch >> s1) & 0x3F);
+            uint32_t b2 = 0x80 | ((ch >> s2) & 0x3F);
+            uint32_t b3 = 0x80 | (ch & 0x3F);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+            // One store for the four bytes.
+            uint32_t word = b0 | b1 << 8 | b2 << 16 | b3 << 24;
+            memcpy(d, &word, 4);
+#else
+            d[0] = static_cast<unsigned char>(b0);
+            d[1] = static_cast<unsigned char>(b1);
+            d[2] = static_cast<unsigned char>(b2);
+            d[3] = static_cast<unsigned char>(b3);
+#endif
             d += len;
             i += 1 + pair;
         }
         if (i == src_units)
             break;
+        // ASCII after a word goes back to the run loops above; only what
+        // they cannot take (the last unit, or too little room) comes here.
+        if (static_cast<uint32_t>(src[i]) < 0x80 && d < end)
+            continue;
         uint32_t ch = static_cast<uint32_t>(src[i++]);
         if (ch >= 0xD800 && ch <= 0xDBFF && i < src_units) {
             uint32_t ch2 = static_cast<uint32_t>(src[i]);
@@ -1782,23 +1821,27 @@ fail:
 
 int strutl_cmp_ignore_whitespace(const char *a, const char *b)
 {
-    const unsigned char *p = reinterpret_cast<const unsigned char *>(a);
-    const unsigned char *q = reinterpret_cast<const unsigned char *>(b);
+    const char *p = a;
+    const char *q = b;
     for (;;) {
         int n;
-        while ((n = char_len(reinterpret_cast<const char *>(p))) > 0 &&
-               is_space_char(reinterpret_cast<const char *>(p), n))
+        while ((n = char_len(p)) > 0 && is_space_char(p, n))
             p += n;
         int m;
-        while ((m = char_len(reinterpret_cast<const char *>(q))) > 0 &&
-               is_space_char(reinterpret_cast<const char *>(q), m))
+        while ((m = char_len(q)) > 0 && is_space_char(q, m))
             q += m;
-        if (*p != *q)
-            return *p < *q ? -1 : 1;
-        if (*p == '\0')
+        // Character against character, so that the walk never lands inside
+        // one (where a trailing byte and the next could pass for a space).
+        int k = n < m ? n : m;
+        int c = memcmp(p, q, static_cast<size_t>(k));
+        if (c != 0)
+            return c < 0 ? -1 : 1;
+        if (n != m)
+            return n < m ? -1 : 1;
+        if (n == 0)
             return 0;
-        p++;
-        q++;
+        p += n;
+        q += n;
     }
 }
 

@@ -1326,10 +1326,14 @@ TEST(StrutlFiles, ReadAndWrite)
         char *x = strutl_read(dfd, nullptr);
         int rfd = open(path.c_str(), O_RDONLY);
         int w = strutl_write(rfd, "x");
-        return (x == nullptr && w == 1) ? 0 : 1;
+        FILE *dfp = fopen(dir.path().c_str(), "r");
+        char *y = dfp ? strutl_read_fp(dfp, nullptr) : nullptr;
+        return (x == nullptr && w == 1 && dfp && y == nullptr) ? 0 : 1;
     });
     EXPECT_EQ(res.exit_code(), 0);
-    EXPECT_NE(res.err.find("Operation read: Is a directory"), std::string::npos) << res.err;
+    size_t first = res.err.find("Operation read: Is a directory");
+    EXPECT_NE(first, std::string::npos) << res.err;
+    EXPECT_NE(res.err.find("Operation read: Is a directory", first + 1), std::string::npos) << res.err;
     EXPECT_NE(res.err.find("Operation write: Bad file descriptor"), std::string::npos) << res.err;
 }
 

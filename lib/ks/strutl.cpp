@@ -45,24 +45,8 @@ const int KS_MSG_OPERATION = 2;
 
 inline bool multibyte_locale() { return MB_CUR_MAX > 1; }
 
-// Length of the character at s: 0 at the NUL, 1 for a byte that does not
-// start a valid character, so that every walker advances.
-inline int char_len(const char *s)
-{
-    if (*s == '\0')
-        return 0;
-    if (!multibyte_locale() || static_cast<unsigned char>(*s) < 0x80)
-        return 1;
-    mbstate_t st;
-    memset(&st, 0, sizeof st);
-    size_t lim = strnlen(s, MB_CUR_MAX);
-    size_t n = mbrlen(s, lim, &st);
-    if (n == static_cast<size_t>(-1) || n == static_cast<size_t>(-2) || n == 0)
-        return 1;
-    return static_cast<int>(n);
-}
-
-// Like char_len, but reports an invalid sequence as -1.
+// Length of the character at s: 0 at the NUL, -1 for bytes that do not
+// form a valid character.
 inline int char_len_checked(const char *s)
 {
     if (*s == '\0')
@@ -76,6 +60,16 @@ inline int char_len_checked(const char *s)
     if (n == static_cast<size_t>(-1) || n == static_cast<size_t>(-2) || n == 0)
         return -1;
     return static_cast<int>(n);
+}
+
+// Like char_len_checked, but a byte that does not start a valid character
+// counts as one, so that every walker advances.
+inline int char_len(const char *s)
+{
+    if (static_cast<unsigned char>(*s) - 1u < 0x7Fu)
+        return 1;
+    int n = char_len_checked(s);
+    return n < 0 ? 1 : n;
 }
 
 // Longest prefix of src of at most max bytes that does not split a
@@ -558,6 +552,45 @@ void print_list(int first_type, const char *const *list)
 void report_system_error(const char *operation, int err)
 {
     imsg_print(IMSG_ERROR, &_ks_ks_msg_table, KS_MSG_OPERATION, operation, strerror(err));
+}
+
+// Reads with fill (bytes read, 0 at the end or with *err set on an error)
+// into a block of stg_malloc that starts at cap bytes and doubles.
+template <typename F>
+char *read_all(size_t cap, size_t *len, F fill)
+{
+    if (len)
+        *len = 0;
+    char *buf = static_cast<char *>(stg_malloc(cap));
+    if (buf == nullptr)
+        return nullptr;
+    size_t used = 0;
+    for (;;) {
+        if (used + 1 >= cap) {
+            char *nb = static_cast<char *>(stg_realloc(buf, cap * 2));
+            if (nb == nullptr) {
+                stg_free(buf);
+                return nullptr;
+            }
+            buf = nb;
+            cap *= 2;
+        }
+        int err = 0;
+        size_t r = fill(buf + used, cap - 1 - used, &err);
+        if (err != 0) {
+            stg_free(buf);
+            report_system_error("read", err);
+            errno = err;
+            return nullptr;
+        }
+        if (r == 0)
+            break;
+        used += r;
+    }
+    buf[used] = '\0';
+    if (len)
+        *len = used;
+    return buf;
 }
 
 } // namespace
@@ -2055,82 +2088,31 @@ int strutl_snprintf(char *buf, size_t size, const char *fmt, ...)
 
 char *strutl_read(int fd, size_t *len)
 {
-    if (len)
-        *len = 0;
     size_t cap = 4096;
     struct stat sb;
     if (fstat(fd, &sb) == 0 && S_ISREG(sb.st_mode) && sb.st_size > 0)
         cap = static_cast<size_t>(sb.st_size) + 1;
-    char *buf = static_cast<char *>(stg_malloc(cap));
-    if (buf == nullptr)
-        return nullptr;
-    size_t used = 0;
-    for (;;) {
-        if (used + 1 >= cap) {
-            char *nb = static_cast<char *>(stg_realloc(buf, cap * 2));
-            if (nb == nullptr) {
-                stg_free(buf);
-                return nullptr;
+    return read_all(cap, len, [fd](char *buf, size_t n, int *err) -> size_t {
+        for (;;) {
+            ssize_t r = read(fd, buf, n);
+            if (r >= 0)
+                return static_cast<size_t>(r);
+            if (errno != EINTR) {
+                *err = errno;
+                return 0;
             }
-            buf = nb;
-            cap *= 2;
         }
-        ssize_t r = read(fd, buf + used, cap - 1 - used);
-        if (r < 0) {
-            if (errno == EINTR)
-                continue;
-            int err = errno;
-            stg_free(buf);
-            report_system_error("read", err);
-            errno = err;
-            return nullptr;
-        }
-        if (r == 0)
-            break;
-        used += static_cast<size_t>(r);
-    }
-    buf[used] = '\0';
-    if (len)
-        *len = used;
-    return buf;
+    });
 }
 
 char *strutl_read_fp(FILE *fp, size_t *len)
 {
-    if (len)
-        *len = 0;
-    size_t cap = 4096;
-    char *buf = static_cast<char *>(stg_malloc(cap));
-    if (buf == nullptr)
-        return nullptr;
-    size_t used = 0;
-    for (;;) {
-        if (used + 1 >= cap) {
-            char *nb = static_cast<char *>(stg_realloc(buf, cap * 2));
-            if (nb == nullptr) {
-                stg_free(buf);
-                return nullptr;
-            }
-            buf = nb;
-            cap *= 2;
-        }
-        size_t r = fread(buf + used, 1, cap - 1 - used, fp);
-        used += r;
-        if (r == 0) {
-            if (ferror(fp)) {
-                int err = errno;
-                stg_free(buf);
-                report_system_error("read", err);
-                errno = err;
-                return nullptr;
-            }
-            break;
-        }
-    }
-    buf[used] = '\0';
-    if (len)
-        *len = used;
-    return buf;
+    return read_all(4096, len, [fp](char *buf, size_t n, int *err) -> size_t {
+        size_t r = fread(buf, 1, n, fp);
+        if (r == 0 && ferror(fp))
+            *err = errno != 0 ? errno : EIO;
+        return r;
+    });
 }
 
 int strutl_write(int fd, const char *s)

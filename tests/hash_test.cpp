@@ -805,7 +805,8 @@ TEST(Hash, DumpText)
     std::string out = capture_stdout([&] { hash_dump(t); });
     std::string expect = "-------------------------- Hash Table Dump ------------------------------------\n";
     expect += fmt("(hash) ht 0x%016lx: bkts=0x%016lx, #bkts=2, #cells=2, dbytes=4,\n", U(t), U(t->buckets));
-    expect += fmt("       area=0x%016lx, keytype=HASH_KEY_INT, copyk=T\n", U(t->area));
+    // The key-type part carries no newline: the limit line follows on.
+    expect += fmt("       area=0x%016lx, keytype=HASH_KEY_INT, copyk=T", U(t->area));
     expect += fmt("       limit=3, climit=6, order=T, 1cell=0x%016lx, lcell=0x%016lx\n", U(c8), U(cm4));
     // 8 >> 2 = 2 lands in bucket 0; -4 >> 2 = -1 = 4294967295 in bucket 1.
     expect += "bucket 0:\n";
@@ -828,13 +829,14 @@ TEST(Hash, DumpText)
     });
     expect = "-------------------------- Hash Table Dump ------------------------------------\n";
     expect += fmt("(hash) ht 0x%016lx: bkts=0x%016lx, #bkts=1, #cells=0, dbytes=0,\n", U(s), U(s->buckets));
-    expect += fmt("       area=0x%016lx, keytype=HASH_KEY_FLEN, copyk=F, key_bytes=2\n", U(s->area));
+    expect += fmt("       area=0x%016lx, keytype=HASH_KEY_FLEN, copyk=F, key_bytes=2", U(s->area));
     expect += "bucket 0:\n";
     expect += "-------------------------- Hash Table Dump ------------------------------------\n";
     expect += fmt("(hash) ht 0x%016lx: bkts=0x%016lx, #bkts=1, #cells=1, dbytes=0,\n", U(st), U(st->buckets));
-    expect += fmt("       area=0x%016lx, keytype=HASH_KEY_STR, copyk=F\n", U(st->area));
+    expect += fmt("       area=0x%016lx, keytype=HASH_KEY_STR, copyk=F", U(st->area));
     expect += "bucket 0:\n";
-    expect += fmt("  cell 0x%016lx: hval=%u, datap=0x%016lx, next=0x0000000000000000\n", U(sc),
+    // An unordered cell has no line end of its own; the key line follows on.
+    expect += fmt("  cell 0x%016lx: hval=%u, datap=0x%016lx, next=0x0000000000000000", U(sc),
                   ref_str_hash("k\xe9y"), U(hash_cell_data(sc)));
     expect += "    key=\"k\xe9y\"\n";
     EXPECT_EQ(out, expect);
@@ -844,8 +846,26 @@ TEST(Hash, DumpText)
 
     hash_table_t *u = hash_create_ht(1, 0, 9, 0, 0, ks::hashimpl::int_hash, ks::hashimpl::int_compare);
     out = capture_stdout([&] { hash_dump(u); });
-    EXPECT_NE(out.find("keytype=*unknown*, copyk=F\n"), std::string::npos);
+    EXPECT_NE(out.find("keytype=*unknown*, copyk=Fbucket 0:\n"), std::string::npos) << out;
     hash_delete_ht(&u);
+
+    // Unordered integer cells share one line with each other and the next bucket.
+    hash_table_t *i2 = hash_int_create(2, 0);
+    hash_int_enter(i2, 0, nullptr, nullptr);
+    hash_int_enter(i2, 8, nullptr, nullptr);
+    hash_cell *c8i = i2->buckets[0], *c0i = c8i->next;
+    out = capture_stdout([&] { hash_dump(i2); });
+    expect = "-------------------------- Hash Table Dump ------------------------------------\n";
+    expect += fmt("(hash) ht 0x%016lx: bkts=0x%016lx, #bkts=2, #cells=2, dbytes=0,\n", U(i2), U(i2->buckets));
+    expect += fmt("       area=0x%016lx, keytype=HASH_KEY_INT, copyk=T", U(i2->area));
+    expect += "bucket 0:\n";
+    expect += fmt("  cell 0x%016lx: key=8, hval=2, datap=0x%016lx, next=0x%016lx", U(c8i), U(hash_cell_data(c8i)),
+                  U(c0i));
+    expect += fmt("  cell 0x%016lx: key=0, hval=0, datap=0x%016lx, next=0x0000000000000000", U(c0i),
+                  U(hash_cell_data(c0i)));
+    expect += "bucket 1:\n";
+    EXPECT_EQ(out, expect);
+    hash_delete_ht(&i2);
 }
 
 TEST(Hash, StatisticsText)

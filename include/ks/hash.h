@@ -75,7 +75,9 @@ KS_API void hash_term_scan(hash_cursor_t **cursor);
 KS_API void *hash_cell_data(hash_cell_t *cell);
 /* Chain lengths and their histogram, printed to standard output. */
 KS_API void hash_dump_stats(const hash_table_t *table);
-/* Header, buckets and cells, printed to standard output. */
+/* Header, buckets and cells, printed to standard output.  The key-type part
+ * of the header and an unordered table's cells end without a newline, so the
+ * next text continues their line. */
 KS_API void hash_dump(const hash_table_t *table);
 
 /* Integer keys: copy_keys is implied (the key lives in the cell). */

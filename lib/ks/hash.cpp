@@ -386,6 +386,9 @@ KS_API void hash_dump_stats(const hash_table_t *table)
             printf("#buckets with %d entries: %d\n", i, static_cast<int>(histogram[i]));
 }
 
+// Lines end only where the texts carry a newline: the key-type part of the
+// header and the cells of an unordered table carry none, so what follows
+// them runs on in the same line.
 KS_API void hash_dump(const hash_table_t *table)
 {
     printf("-------------------------- Hash Table Dump ------------------------------------\n");
@@ -396,7 +399,6 @@ KS_API void hash_dump(const hash_table_t *table)
            table->copy_keys ? 'T' : 'F');
     if (table->key_type == HASH_KEY_FLEN)
         printf(", key_bytes=%lu", static_cast<unsigned long>(table->key_bytes));
-    printf("\n");
     if (table->limit > 0 || table->ordered)
         printf("       limit=%lu, climit=%lu, order=%c, 1cell=0x%016lx, lcell=0x%016lx\n",
                static_cast<unsigned long>(table->limit), static_cast<unsigned long>(table->climit),
@@ -411,8 +413,6 @@ KS_API void hash_dump(const hash_table_t *table)
             if (table->ordered) {
                 hash_order_links *l = links(c);
                 printf(", order=0x%016lx, back=0x%016lx\n", ptr(l->order_next), ptr(l->order_back));
-            } else {
-                printf("\n");
             }
             if (table->key_type == HASH_KEY_STR)
                 printf("    key=\"%s\"\n", static_cast<const char *>(c->key.ptr));

@@ -144,9 +144,9 @@ int clamp_ngroups(int32_t n)
     return n > CREDUTL_NGROUPS_MAX ? CREDUTL_NGROUPS_MAX : n;
 }
 
-// The supplementary groups of the process, at most max of them, in a block
-// of stg_malloc; the count in *count.  Null after message 3.  An empty list
-// gives a non-null block and a count of 0.
+// Every supplementary group of the process, in a block of stg_malloc; the
+// count in *count.  Null after message 3.  An empty list gives a non-null
+// block and a count of 0.
 gid_t *fetch_groups(int *count)
 {
     int n = getgroups(0, nullptr);
@@ -347,6 +347,34 @@ int has_user(const credutl_sid_t *sid, const credutl_sid_t *user, const credutl_
 char *append(char *buf)
 {
     return buf + strlen(buf);
+}
+
+// setgroups, then the gid, then the uid, stopping at the first failure.  A
+// count beyond the record's slots is not clamped here but refused, as the
+// kernel refuses an impossible count, rather than handing it memory past
+// the record.
+int apply_credentials(const credutl_credentials_t *cred, int (*set_gid)(gid_t), int (*set_uid)(uid_t))
+{
+    int rc;
+    if (cred->ngroups > CREDUTL_NGROUPS_MAX) {
+        errno = EINVAL;
+        rc = -1;
+    } else {
+        rc = setgroups(static_cast<size_t>(static_cast<int64_t>(cred->ngroups)), cred->groups);
+    }
+    if (rc != 0) {
+        imsg_print(IMSG_ERROR, &_credutl_ks_msg_table, MSG_SETGROUPS, imsg_strerror(errno));
+        return 1;
+    }
+    if (set_gid(cred->gid) != 0) {
+        imsg_print(IMSG_ERROR, &_credutl_ks_msg_table, MSG_SETGID, static_cast<int>(cred->gid), imsg_strerror(errno));
+        return 1;
+    }
+    if (set_uid(cred->uid) != 0) {
+        imsg_print(IMSG_ERROR, &_credutl_ks_msg_table, MSG_SETUID, static_cast<int>(cred->uid), imsg_strerror(errno));
+        return 1;
+    }
+    return 0;
 }
 
 } // namespace
@@ -627,47 +655,14 @@ extern "C" int credutl_getgroups(int want, credutl_sid_t *sids)
 
 extern "C" int credutl_set_credentials(const credutl_credentials_t *cred)
 {
-    // Only the effective variant clamps; a count beyond the record's slots is
-    // refused here rather than handing the kernel memory past the record.
-    int rc;
-    if (cred->ngroups > CREDUTL_NGROUPS_MAX) {
-        errno = EINVAL;
-        rc = -1;
-    } else {
-        rc = setgroups(static_cast<size_t>(static_cast<int64_t>(cred->ngroups)), cred->groups);
-    }
-    if (rc != 0) {
-        imsg_print(IMSG_ERROR, &_credutl_ks_msg_table, MSG_SETGROUPS, imsg_strerror(errno));
-        return 1;
-    }
-    if (setgid(cred->gid) != 0) {
-        imsg_print(IMSG_ERROR, &_credutl_ks_msg_table, MSG_SETGID, static_cast<int>(cred->gid), imsg_strerror(errno));
-        return 1;
-    }
-    if (setuid(cred->uid) != 0) {
-        imsg_print(IMSG_ERROR, &_credutl_ks_msg_table, MSG_SETUID, static_cast<int>(cred->uid), imsg_strerror(errno));
-        return 1;
-    }
-    return 0;
+    return apply_credentials(cred, setgid, setuid);
 }
 
 extern "C" int credutl_set_effective_credentials(credutl_credentials_t *cred)
 {
     if (cred->ngroups > CREDUTL_NGROUPS_MAX)
         cred->ngroups = CREDUTL_NGROUPS_MAX;
-    if (setgroups(static_cast<size_t>(static_cast<int64_t>(cred->ngroups)), cred->groups) != 0) {
-        imsg_print(IMSG_ERROR, &_credutl_ks_msg_table, MSG_SETGROUPS, imsg_strerror(errno));
-        return 1;
-    }
-    if (setegid(cred->gid) != 0) {
-        imsg_print(IMSG_ERROR, &_credutl_ks_msg_table, MSG_SETGID, static_cast<int>(cred->gid), imsg_strerror(errno));
-        return 1;
-    }
-    if (seteuid(cred->uid) != 0) {
-        imsg_print(IMSG_ERROR, &_credutl_ks_msg_table, MSG_SETUID, static_cast<int>(cred->uid), imsg_strerror(errno));
-        return 1;
-    }
-    return 0;
+    return apply_credentials(cred, setegid, seteuid);
 }
 
 extern "C" int credutl_is_root(void)

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <string>
-#include <vector>
 
 #include "imsg_internal.h"
 #include "ks/date.h"
@@ -25,7 +24,6 @@ namespace {
 
 const char nowhere[] = "/nonexistent/ks_imsg_test/%N.cat";
 const char test_nls[] = KS_TEST_NLS "/%N.cat";
-const char real_nls[] = KS_CATALOG_DIR "/%N.cat";
 
 // Tables of two other catalogue names (tests/data/imsg_other.msg and
 // imsg_third.msg).
@@ -38,17 +36,10 @@ const imsg_msg_table_t third_table = {"imsg_third", "third", 1, 1, third_texts, 
 // Index 2 of the ks table: "Operation %s: %s\n" (catalogue number 4).
 const int ks_operation = 2;
 
-std::string addr(const void *p)
+std::string internal_error(const char *where, const imsg_msg_table_t *t, int num)
 {
-    return std::to_string(static_cast<long>(reinterpret_cast<intptr_t>(p)));
-}
-
-void clean_env()
-{
-    for (const char *v : {"PRINT_SUBSYS", "PRINT_SUBSYS_OK", "IMSG_IO_INTERLEAVE", "OTTERMERE_IMSG_CAPTURE_LOG",
-                          "TRACE_VERBOSITY", "TRACE_SUBSYS", "IMSG_DUP_OUTPUT", "ORVIN_NO_BOLD",
-                          "OTTERMERE_ENABLE_ATE_MESSAGES", "ORVIN_FORCE_GUI", "ORVIN_WEB_GUI"})
-        unsetenv(v);
+    return "mytool: Error: IMSG Internal error (" + std::string(where) + ") - tbl " +
+           std::to_string(reinterpret_cast<intptr_t>(t)) + ", num " + std::to_string(num) + ".\n";
 }
 
 // imsg_set_app_name records the command line, which needs a host data
@@ -57,7 +48,10 @@ class Imsg : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        clean_env();
+        for (const char *v : {"PRINT_SUBSYS", "PRINT_SUBSYS_OK", "IMSG_IO_INTERLEAVE", "OTTERMERE_IMSG_CAPTURE_LOG",
+                              "TRACE_VERBOSITY", "TRACE_SUBSYS", "IMSG_DUP_OUTPUT", "ORVIN_NO_BOLD",
+                              "OTTERMERE_ENABLE_ATE_MESSAGES", "ORVIN_FORCE_GUI", "ORVIN_WEB_GUI"})
+            unsetenv(v);
         setenv("NLSPATH", nowhere, 1);
         setenv("OTTER_HOSTDATA_DIR", hostdata.path().c_str(), 1);
     }
@@ -66,523 +60,355 @@ protected:
 
 // ---- catalogue look-up ----
 
-TEST_F(Imsg, DefaultTextsWithoutCatalogue)
+// One look-up of a scripted cache run (where the catalogues are, the time),
+// whether the text came translated, and what the two slots ("-": empty) and
+// the open count are afterwards.
+struct lookup {
+    const imsg_msg_table_t *table; const char *nlspath; long sec, usec; bool translated; const char *slots; int opens;
+};
+
+void play(std::initializer_list<lookup> steps)
+{
+    int step = 0;
+    for (const lookup &s : steps) {
+        setenv("NLSPATH", s.nlspath, 1);
+        ks::clock_fix(s.sec, s.usec);
+        int index = s.table == &_ks_ks_msg_table ? ks_operation : 0;
+        bool translated = cat_extractmsg(s.table, index) != s.table->texts[index];
+        const char *n0 = ks::imsg_catalog_slot_name(0), *n1 = ks::imsg_catalog_slot_name(1);
+        EXPECT_EQ(std::to_string(translated) + " " + (n0 ? n0 : "-") + " " + (n1 ? n1 : "-") + " " +
+                      std::to_string(ks::imsg_catalog_open_count()),
+                  std::to_string(s.translated) + " " + s.slots + " " + std::to_string(s.opens))
+            << "step " << step++;
+    }
+}
+
+TEST_F(Imsg, DefaultTextsWithoutCatalogueAndTheFailedOpenIsKept)
 {
     auto r = ks_test::run_in_child([] {
         imsg_set_app_name("a/b/mytool");
         imsg_print(IMSG_ERROR, &_ks_ks_msg_table, ks_operation, "open", strerror(ENOENT));
-        imsg_print(IMSG_WARNING, "careful %d\n", -1, 7);
-        return 0;
+        return imsg_print(IMSG_WARNING, "careful %d\n", -1, 7) < 0;
     });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.err, "mytool: Error: Operation open: No such file or directory\n"
-                     "mytool: Warning: careful 7\n");
+    EXPECT_EQ(r.err, "mytool: Error: Operation open: No such file or directory\nmytool: Warning: careful 7\n");
     EXPECT_EQ(r.out, "");
+    // Tables of one catalogue name share the slot; the catalogue appearing
+    // later changes nothing: the failed slot is not reopened.
+    play({{&_stg_ks_msg_table, nowhere, 1, 0, false, "ks_lib -", 1},
+          {&_ks_ks_msg_table, test_nls, 2, 0, false, "ks_lib -", 1}});
 }
 
-TEST_F(Imsg, FailedOpenIsKeptAndNotRetried)
-{
-    EXPECT_STREQ(cat_extractmsg(&_imsg_ks_msg_table, 16), "Error: ");
-    EXPECT_STREQ(cat_extractmsg(&_stg_ks_msg_table, 0), _stg_ks_msg_table.texts[0]);
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 1u);
-    // The catalogue appearing later changes nothing: the slot is not reopened.
-    setenv("NLSPATH", test_nls, 1);
-    EXPECT_STREQ(cat_extractmsg(&_ks_ks_msg_table, ks_operation), "Operation %s: %s\n");
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 1u);
-}
-
-TEST_F(Imsg, TranslatedCatalogueSuppliesTexts)
-{
-    setenv("NLSPATH", test_nls, 1);
-    auto r = ks_test::run_in_child([] {
-        imsg_set_app_name("mytool");
-        imsg_print(IMSG_ERROR, &_ks_ks_msg_table, ks_operation, "open", "weg");
-        imsg_print(IMSG_WARNING, &_imsg_ks_msg_table, 1);
-        return 0;
-    });
-    EXPECT_EQ(r.err, "mytool: Fehler: Vorgang open: weg\n"
-                     "mytool: Warnung: Logging internal error to log file\n");
-    // A message missing from the catalogue falls back to its built-in text.
-    EXPECT_STREQ(imsg_strerror_gethost(1), "Rechner nicht gefunden");
-    EXPECT_STREQ(imsg_strerror_gethost(4), "Valid name, no data record of requested type");
-}
-
-TEST_F(Imsg, SeverityWordsAreFetchedOnce)
+TEST_F(Imsg, TranslatedCatalogueSuppliesTextsAndTheSeverityWordsOnce)
 {
     setenv("NLSPATH", test_nls, 1);
     ks::clock_fix(1000, 0);
+    auto r = ks_test::run_in_child([] {
+        imsg_set_app_name("mytool");
+        imsg_print(IMSG_ERROR, &_ks_ks_msg_table, ks_operation, "open", "weg");
+        return imsg_print(IMSG_WARNING, &_imsg_ks_msg_table, 1) < 0;
+    });
+    EXPECT_EQ(r.err, "mytool: Fehler: Vorgang open: weg\nmytool: Warnung: Logging internal error to log file\n");
+    // A message missing from the catalogue falls back to its built-in text.
+    EXPECT_STREQ(imsg_strerror_gethost(1), "Rechner nicht gefunden");
+    EXPECT_STREQ(imsg_strerror_gethost(4), "Valid name, no data record of requested type");
     EXPECT_STREQ(imsg_prefix_format(IMSG_ERROR, 0), "%s: Fehler: ");
-    // Push ks_lib out of both slots, then reopen it where it does not exist.
-    ks::clock_fix(1001, 0);
-    cat_extractmsg(&other_table, 0);
-    ks::clock_fix(1002, 0);
-    cat_extractmsg(&third_table, 0);
-    EXPECT_STRNE(ks::imsg_catalog_slot_name(0), "ks_lib");
-    EXPECT_STRNE(ks::imsg_catalog_slot_name(1), "ks_lib");
-    setenv("NLSPATH", nowhere, 1);
-    ks::clock_fix(1003, 0);
-    EXPECT_STREQ(cat_extractmsg(&_ks_ks_msg_table, ks_operation), "Operation %s: %s\n");
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 4u);
-    // The texts are English again, the words are not.
-    EXPECT_STREQ(imsg_prefix_format(IMSG_ERROR, 0), "%s: Fehler: ");
+    // Push ks_lib out of both slots, then reopen it where it does not exist:
+    // the texts are English again, the words are not.
+    play({{&other_table, test_nls, 1001, 0, true, "ks_lib imsg_other", 2},
+          {&third_table, test_nls, 1002, 0, true, "imsg_third imsg_other", 3},
+          {&_ks_ks_msg_table, nowhere, 1003, 0, false, "imsg_third ks_lib", 4}});
     EXPECT_STREQ(imsg_prefix_format(IMSG_WARNING, 1), "%s/%s: Warnung: ");
-    ks::clock_release();
 }
 
 TEST_F(Imsg, TwoCataloguesShareTheSlotsWithoutReopening)
 {
     setenv("NLSPATH", test_nls, 1);
+    char buf[64];
     for (int i = 0; i < 10; i++) {
         EXPECT_STREQ(cat_extractmsg(&_ks_ks_msg_table, ks_operation), "Vorgang %s: %s\n");
-        EXPECT_STREQ(cat_extractmsg(&other_table, 0), "anderer Text %d\n");
+        EXPECT_EQ(imsg_snprintf(buf, sizeof buf, &other_table, 0, i), 15);
+        EXPECT_EQ(std::string(buf), "anderer Text " + std::to_string(i) + "\n");
     }
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 2u);
-    EXPECT_STREQ(ks::imsg_catalog_slot_name(0), "ks_lib");
-    EXPECT_STREQ(ks::imsg_catalog_slot_name(1), "imsg_other");
-    char buf[64];
-    EXPECT_EQ(imsg_snprintf(buf, sizeof buf, &other_table, 0, 5), 15);
-    EXPECT_STREQ(buf, "anderer Text 5\n");
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 2u);
+    play({{&_ks_ks_msg_table, test_nls, 1, 0, true, "ks_lib imsg_other", 2}});
 }
 
 TEST_F(Imsg, ThirdNameReplacesTheLeastRecentlyUsedSlot)
 {
-    setenv("NLSPATH", test_nls, 1);
-    ks::clock_fix(5000, 100);
-    cat_extractmsg(&_ks_ks_msg_table, ks_operation); // slot 0
-    ks::clock_fix(5000, 200);
-    cat_extractmsg(&other_table, 0); // slot 1
-    ks::clock_fix(5000, 300);
-    cat_extractmsg(&_ks_ks_msg_table, ks_operation); // slot 0 is now the newer
-    ks::clock_fix(5000, 400);
-    EXPECT_STREQ(cat_extractmsg(&third_table, 0), "dritter Text %d\n");
-    EXPECT_STREQ(ks::imsg_catalog_slot_name(0), "ks_lib");
-    EXPECT_STREQ(ks::imsg_catalog_slot_name(1), "imsg_third");
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 3u);
-    // ks_lib is still open; imsg_other now takes the older slot, ks_lib's
-    // (seconds compared before microseconds).
-    ks::clock_fix(4999, 999999);
-    cat_extractmsg(&_ks_ks_msg_table, ks_operation);
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 3u);
-    ks::clock_fix(5001, 0);
-    EXPECT_STREQ(cat_extractmsg(&other_table, 0), "anderer Text %d\n");
-    EXPECT_STREQ(ks::imsg_catalog_slot_name(0), "imsg_other");
-    EXPECT_STREQ(ks::imsg_catalog_slot_name(1), "imsg_third");
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 4u);
-    ks::clock_release();
+    // ks_lib is used last before imsg_third arrives, so imsg_other goes; then
+    // imsg_other takes ks_lib's slot, older by its seconds although newer by
+    // its microseconds.
+    play({{&_ks_ks_msg_table, test_nls, 5000, 100, true, "ks_lib -", 1},
+          {&other_table, test_nls, 5000, 200, true, "ks_lib imsg_other", 2},
+          {&_ks_ks_msg_table, test_nls, 5000, 300, true, "ks_lib imsg_other", 2},
+          {&third_table, test_nls, 5000, 400, true, "ks_lib imsg_third", 3},
+          {&_ks_ks_msg_table, test_nls, 4999, 999999, true, "ks_lib imsg_third", 3},
+          {&other_table, test_nls, 5001, 0, true, "imsg_other imsg_third", 4}});
 }
 
-// With every open failing the slots are handed out by the round-robin
-// counter, not by the first failed slot seen.
 TEST_F(Imsg, FailedSlotsAreReusedInTurn)
 {
-    const imsg_msg_table_t *order[] = {&_ks_ks_msg_table, &other_table, &third_table, &_ks_ks_msg_table};
-    const char *slot0[] = {"ks_lib", "ks_lib", "imsg_third", "imsg_third"};
-    const char *slot1[] = {nullptr, "imsg_other", "imsg_other", "ks_lib"};
-    for (int i = 0; i < 4; i++) {
-        EXPECT_STREQ(cat_extractmsg(order[i], 0), order[i]->texts[0]) << i;
-        EXPECT_STREQ(ks::imsg_catalog_slot_name(0), slot0[i]) << i;
-        EXPECT_STREQ(ks::imsg_catalog_slot_name(1), slot1[i]) << i;
-    }
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 4u);
+    // With every open failing the round-robin counter hands out the slots.
+    play({{&_ks_ks_msg_table, nowhere, 1, 0, false, "ks_lib -", 1},
+          {&other_table, nowhere, 2, 0, false, "ks_lib imsg_other", 2},
+          {&third_table, nowhere, 3, 0, false, "imsg_third imsg_other", 3},
+          {&_ks_ks_msg_table, nowhere, 4, 0, false, "imsg_third ks_lib", 4}});
 }
 
 TEST_F(Imsg, FailedSlotIsTakenBeforeAnOpenCatalogueIsClosed)
 {
-    setenv("NLSPATH", test_nls, 1);
-    ks::clock_fix(7000, 0);
-    EXPECT_STREQ(cat_extractmsg(&_ks_ks_msg_table, ks_operation), "Vorgang %s: %s\n");
-    setenv("NLSPATH", nowhere, 1);
-    EXPECT_STREQ(cat_extractmsg(&other_table, 0), "other text %d\n"); // fails, slot 1
-    EXPECT_STREQ(cat_extractmsg(&third_table, 0), "third text %d\n"); // takes the failed slot
-    EXPECT_STREQ(ks::imsg_catalog_slot_name(0), "ks_lib");
-    EXPECT_STREQ(ks::imsg_catalog_slot_name(1), "imsg_third");
-    // ks_lib was never closed: still translated although NLSPATH now leads nowhere.
-    EXPECT_STREQ(cat_extractmsg(&_ks_ks_msg_table, ks_operation), "Vorgang %s: %s\n");
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 3u);
-    ks::clock_release();
+    // ks_lib stays open (and translated) although NLSPATH now leads nowhere.
+    play({{&_ks_ks_msg_table, test_nls, 7000, 0, true, "ks_lib -", 1},
+          {&other_table, nowhere, 7001, 0, false, "ks_lib imsg_other", 2},
+          {&third_table, nowhere, 7002, 0, false, "ks_lib imsg_third", 3},
+          {&_ks_ks_msg_table, nowhere, 7003, 0, true, "ks_lib imsg_third", 3}});
 }
 
-TEST_F(Imsg, LookupOutsideTheTableIsAnInternalError)
+TEST_F(Imsg, BadIndexNullTableOrNullFormatIsAnInternalError)
 {
     auto r = ks_test::run_in_child([] {
         imsg_set_app_name("mytool");
-        const char *a = cat_extractmsg(&_pfm_ks_msg_table, _pfm_ks_msg_table.count);
-        const char *b = cat_extractmsg(nullptr, 0);
-        return *a == '\0' && *b == '\0' ? 0 : 1;
+        char buf[16], *s = buf;
+        bool ok = *cat_extractmsg(&_pfm_ks_msg_table, _pfm_ks_msg_table.count) == '\0' &&
+                  *cat_extractmsg(nullptr, 0) == '\0' &&
+                  imsg_print(IMSG_WARNING, &_stg_ks_msg_table, _stg_ks_msg_table.count) == -1 &&
+                  imsg_print(IMSG_OK, nullptr, 3) == -1 && imsg_print(IMSG_OK, nullptr, -1) == -1 &&
+                  imsg_snprintf(buf, sizeof buf, &_list_ks_msg_table, -2) == -1 &&
+                  imsg_dynamic_len_snprintf(&s, 10, 100, &_rt_ks_msg_table, _rt_ks_msg_table.count) == -1 &&
+                  s == nullptr;
+        return ok ? 0 : 1;
     });
     EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.err, "mytool: Error: IMSG Internal error (cat_extractmsg) - tbl " + addr(&_pfm_ks_msg_table) +
-                         ", num " + std::to_string(_pfm_ks_msg_table.count) +
-                         ".\nmytool: Error: IMSG Internal error (cat_extractmsg) - tbl 0, num 0.\n");
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, internal_error("cat_extractmsg", &_pfm_ks_msg_table, _pfm_ks_msg_table.count) +
+                         internal_error("cat_extractmsg", nullptr, 0) +
+                         internal_error("vsprintf", &_stg_ks_msg_table, _stg_ks_msg_table.count) +
+                         internal_error("print_sharedv", nullptr, 3) +
+                         "mytool: Error: IMSG Internal error (vsprintf/NOMSG) - NULL Message.\n" +
+                         internal_error("vsprintf", &_list_ks_msg_table, -2) +
+                         internal_error("vsprintf", &_rt_ks_msg_table, _rt_ks_msg_table.count));
 }
 
 TEST_F(Imsg, RealCatalogueMatchesTheBuiltInTexts)
 {
-    setenv("NLSPATH", real_nls, 1);
-    const imsg_msg_table_t *tables[] = {
-        &_stg_ks_msg_table, &_list_ks_msg_table, &_strutl_ks_msg_table, &_ks_ks_msg_table,
-        &_imsg_ks_msg_table, &_date_ks_msg_table, &_clp_ks_msg_table, &_sysutl_ks_msg_table,
-        &_rt_ks_msg_table, &_rt_proc_ks_msg_table, &_server_id_ks_msg_table, &_credutl_ks_msg_table,
-        &_pfm_ks_msg_table};
-    int from_catalogue = 0;
-    for (const imsg_msg_table_t *t : tables)
+    setenv("NLSPATH", KS_CATALOG_DIR "/%N.cat", 1);
+    for (const imsg_msg_table_t *t :
+         {&_stg_ks_msg_table, &_list_ks_msg_table, &_strutl_ks_msg_table, &_ks_ks_msg_table, &_imsg_ks_msg_table,
+          &_date_ks_msg_table, &_clp_ks_msg_table, &_sysutl_ks_msg_table, &_rt_ks_msg_table, &_rt_proc_ks_msg_table,
+          &_server_id_ks_msg_table, &_credutl_ks_msg_table, &_pfm_ks_msg_table})
         for (int i = 0; i < t->count; i++) {
             const char *text = cat_extractmsg(t, i);
             EXPECT_STREQ(text, t->texts[i]) << t->subsys << " index " << i;
-            from_catalogue += text != t->texts[i];
+            EXPECT_NE(text, t->texts[i]) << t->subsys << " index " << i << " is not from the catalogue";
         }
-    // Every text came out of the catalogue, not from the fallback.
-    int total = 0;
-    for (const imsg_msg_table_t *t : tables)
-        total += t->count;
-    EXPECT_EQ(from_catalogue, total);
     EXPECT_EQ(ks::imsg_catalog_open_count(), 1u);
 }
 
 // ---- prefixes ----
 
-TEST_F(Imsg, OkAndInfoArePlainUnlessPrintSubsysOk)
+TEST_F(Imsg, PrefixFormatsAndSuppression)
 {
-    auto r = ks_test::run_in_child([] {
-        imsg_set_app_name("mytool");
-        imsg_print(IMSG_OK, "done\n", -1);
-        imsg_print(IMSG_INFO, "note\n", -1);
-        imsg_print(IMSG_OK_CONT, "more\n", -1);
-        return 0;
-    });
-    EXPECT_EQ(r.out, "done\nnote\nmore\n");
-    EXPECT_EQ(r.err, "");
-    setenv("PRINT_SUBSYS_OK", "1", 1);
-    r = ks_test::run_in_child([] {
-        imsg_set_app_name("mytool");
-        imsg_print(IMSG_OK, "done\n", -1);
-        imsg_print(IMSG_INFO, "note\n", -1);
-        imsg_print(IMSG_INFO_CONT, "more\n", -1);
-        return 0;
-    });
-    EXPECT_EQ(r.out, "mytool: Ok: done\nmytool: note\nmore\n");
-}
-
-TEST_F(Imsg, PrefixFormats)
-{
-    EXPECT_STREQ(imsg_prefix_format(IMSG_OK, 0), "");
-    EXPECT_STREQ(imsg_prefix_format(IMSG_INFO, 1), "");
-    EXPECT_STREQ(imsg_prefix_format(IMSG_WARNING, 0), "%s: Warning: ");
-    EXPECT_STREQ(imsg_prefix_format(IMSG_ERROR, 1), "%s/%s: Error: ");
-    EXPECT_STREQ(imsg_prefix_format(IMSG_TRACE, 0), ">>> %s (%s): ");
-    EXPECT_STREQ(imsg_prefix_format(IMSG_TRACE, 1), ">>> %s (%s/%s): ");
-    for (int t : {IMSG_OK_CONT, IMSG_INFO_CONT, IMSG_WARNING_CONT, IMSG_ERROR_CONT, IMSG_TRACE_CONT,
-                  IMSG_NOTE_CONT})
-        EXPECT_STREQ(imsg_prefix_format(t, 1), "") << t;
+    // Types 0 to 10, each without and with the subsystem.
+    std::string all;
+    for (int i = 0; i < 22; i++) // one static buffer: copy each before the next call
+        all += std::string(imsg_prefix_format(i / 2, i % 2)) + "|";
+    EXPECT_EQ(all, "||||||||%s: Warning: |%s/%s: Warning: |||%s: Error: |%s/%s: Error: |||"
+                   ">>> %s (%s): |>>> %s (%s/%s): |||||");
     EXPECT_EQ(imsg_suppress_prefix(1), 0);
     EXPECT_STREQ(imsg_prefix_format(IMSG_ERROR, 0), "");
     EXPECT_EQ(imsg_suppress_prefix(0), 1);
     EXPECT_STREQ(imsg_prefix_format(IMSG_ERROR, 0), "%s: Error: ");
 }
 
-TEST_F(Imsg, PrefixFormsWithPrintSubsysOk)
+TEST_F(Imsg, PrintSubsysAndPrintSubsysOkSwitches)
 {
-    setenv("PRINT_SUBSYS_OK", "x", 1);
-    EXPECT_STREQ(imsg_prefix_format(IMSG_OK, 0), "%s: Ok: ");
-    EXPECT_STREQ(imsg_prefix_format(IMSG_OK, 1), "%s/%s: Ok: ");
-    EXPECT_STREQ(imsg_prefix_format(IMSG_INFO, 0), "%s: ");
-    EXPECT_STREQ(imsg_prefix_format(IMSG_INFO, 1), "%s/%s: ");
-    EXPECT_STREQ(imsg_prefix_format(IMSG_OK_CONT, 1), "");
-    // PRINT_SUBSYS_OK also turns the subsystem form on.
-    EXPECT_EQ(imsg_output_subsys(0), 1);
+    const char *plain_out = "done\nnote\nmore\no\n", *sub_err = "mytool/sub: Warning: w\nmytool: Warning: plain\n";
+    struct { const char *var, *out, *err; } cases[] = {
+        {"NONE", plain_out, "mytool: Warning: w\nmytool: Warning: plain\n"},
+        {"PRINT_SUBSYS", plain_out, sub_err},
+        // PRINT_SUBSYS_OK also turns the subsystem form on.
+        {"PRINT_SUBSYS_OK", "mytool: Ok: done\nmytool: note\nmore\nmytool/sub: Ok: o\n", sub_err}};
+    for (auto &c : cases) {
+        auto r = ks_test::run_in_child([&] {
+            setenv(c.var, "yes", 1);
+            imsg_set_app_name("/usr/bin/mytool");
+            for (auto [type, text] : {std::pair(IMSG_OK, "done\n"), {IMSG_INFO, "note\n"}, {IMSG_OK_CONT, "more\n"}})
+                imsg_print(type, text, -1);
+            imsg_print_shared(IMSG_WARNING, "sub", "w\n", -1);
+            imsg_print_shared(IMSG_OK, "sub", "o\n", -1);
+            imsg_print(IMSG_WARNING, "plain\n", -1);
+            imsg_output_subsys(0);
+            return imsg_print_shared(IMSG_ERROR, "sub", &_ks_ks_msg_table, ks_operation, "a", "b") < 0;
+        });
+        EXPECT_EQ(r.out, c.out) << c.var;
+        EXPECT_EQ(r.err, std::string(c.err) + "mytool: Error: Operation a: b\n") << c.var;
+    }
 }
 
-TEST_F(Imsg, SubsystemFormOfTheSharedPrinters)
+TEST_F(Imsg, TraceAndTypedLinesCarryTheTimeStampAndCount)
 {
-    setenv("PRINT_SUBSYS", "yes", 1);
-    auto r = ks_test::run_in_child([] {
-        imsg_set_app_name("/usr/bin/mytool");
-        imsg_print_shared(IMSG_WARNING, "mysub", "w %s\n", -1, "x");
-        imsg_print(IMSG_WARNING, "plain\n", -1);
-        imsg_output_subsys(0);
-        imsg_print_shared(IMSG_ERROR, "mysub", &_ks_ks_msg_table, ks_operation, "a", "b");
-        return 0;
-    });
-    EXPECT_EQ(r.err, "mytool/mysub: Warning: w x\nmytool: Warning: plain\nmytool: Error: Operation a: b\n");
-}
-
-TEST_F(Imsg, UnknownTypeUsesTheSystemMessagePrefix)
-{
-    auto r = ks_test::run_in_child([] {
-        imsg_set_app_name("mytool");
-        return imsg_print(11, "odd %d\n", -1, 3) > 0 ? 0 : 1;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.out, "");
-    ASSERT_EQ(r.err.rfind("mytool: Error: Unknown message type 11 in file ../imsg at line ", 0), 0u) << r.err;
-    EXPECT_NE(r.err.find("\nSystem message: odd 3\n"), std::string::npos) << r.err;
-}
-
-TEST_F(Imsg, TraceLineCarriesTheTimeStamp)
-{
-    auto r = ks_test::run_in_child([] {
+    std::string name(3000, 'n');
+    auto r = ks_test::run_in_child([&] {
         imsg_set_app_name("mytool");
         ks::clock_fix(3723, 456789); // 01:02:03.456 UTC
         imsg_print(IMSG_TRACE, &_ks_ks_msg_table, ks_operation, "a", "b");
         imsg_print(IMSG_TRACE_CONT, "cont\n", -1);
         char buf[128];
-        int n = imsg_snprintf_type(buf, sizeof buf, IMSG_TRACE, "x=%d\n", -1, 4);
-        printf("%d %s", n, buf);
-        n = imsg_snprintf_type(buf, 10, IMSG_WARNING, "x=%d\n", -1, 4);
-        printf("%d [%s]\n", n, buf);
+        printf("%d %s", imsg_snprintf_type(buf, sizeof buf, IMSG_TRACE, "x=%d\n", -1, 4), buf);
+        printf("%d [%s]\n", imsg_snprintf_type(buf, 10, IMSG_WARNING, "x=%d\n", -1, 4), buf);
+        // The count covers a prefix longer than any internal buffer.
+        imsg_set_app_name(name.c_str());
+        printf("%d [%s]\n", imsg_snprintf_type(buf, 8, IMSG_ERROR, "x=%d\n", -1, 4), buf);
         return 0;
     });
     EXPECT_EQ(r.err, ">>> 01:02:03.456 (mytool): Operation a: b\ncont\n");
-    EXPECT_EQ(r.out, "31 >>> 01:02:03.456 (mytool): x=4\n21 [mytool: W]\n");
+    EXPECT_EQ(r.out, "31 >>> 01:02:03.456 (mytool): x=4\n21 [mytool: W]\n3013 [nnnnnnn]\n");
 }
 
-TEST_F(Imsg, TypedLineCountsALongApplicationName)
-{
-    std::string name(3000, 'n');
-    auto r = ks_test::run_in_child([&] {
-        imsg_set_app_name(name.c_str());
-        std::vector<char> buf(4000);
-        int n = imsg_snprintf_type(buf.data(), 0, IMSG_ERROR, "x=%d\n", -1, 4);
-        printf("%d %s", n, buf.data());
-        char small[8];
-        n = imsg_snprintf_type(small, sizeof small, IMSG_ERROR, "x=%d\n", -1, 4);
-        printf("%d [%s]\n", n, small);
-        return 0;
-    });
-    EXPECT_EQ(r.out, "3013 " + name + ": Error: x=4\n3013 [nnnnnnn]\n");
-}
+// ---- buffer growth and formatting failures ----
 
-// ---- failures ----
-
-TEST_F(Imsg, IndexEqualToCountIsAnInternalError)
+// The output buffer (16384 bytes at first) grows to fit a long prefix or
+// text and is kept; formatting failures (a wide character the "C" locale
+// cannot convert) are reported only when tracing.
+TEST_F(Imsg, OutputBufferGrowsAndFormattingFailuresAreReportedWhenTracing)
 {
-    auto r = ks_test::run_in_child([] {
-        imsg_set_app_name("mytool");
-        return imsg_print(IMSG_WARNING, &_stg_ks_msg_table, _stg_ks_msg_table.count) == -1 ? 0 : 1;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.err, "mytool: Error: IMSG Internal error (vsprintf) - tbl " + addr(&_stg_ks_msg_table) + ", num " +
-                         std::to_string(_stg_ks_msg_table.count) + ".\n");
-}
-
-TEST_F(Imsg, NullTableAndNullFormat)
-{
-    auto r = ks_test::run_in_child([] {
-        imsg_set_app_name("mytool");
-        int a = imsg_print(IMSG_OK, nullptr, 3);
-        int b = imsg_print(IMSG_OK, nullptr, -1);
-        char buf[16];
-        int c = imsg_snprintf(buf, sizeof buf, &_list_ks_msg_table, -2);
-        return a == -1 && b == -1 && c == -1 ? 0 : 1;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "mytool: Error: IMSG Internal error (print_sharedv) - tbl 0, num 3.\n"
-                     "mytool: Error: IMSG Internal error (vsprintf/NOMSG) - NULL Message.\n"
-                     "mytool: Error: IMSG Internal error (vsprintf) - tbl " +
-                         addr(&_list_ks_msg_table) + ", num -2.\n");
-}
-
-TEST_F(Imsg, MessageLongerThanTheBufferIsPrintedWhole)
-{
-    auto r = ks_test::run_in_child([] {
-        imsg_set_app_name("mytool");
-        std::string big(40000, 'x');
-        big[20000] = 'y';
-        int n = imsg_print(IMSG_ERROR, "%s|\n", -1, big.c_str());
-        imsg_print(IMSG_ERROR, "%s|\n", -1, big.c_str()); // the grown buffer is kept
-        imsg_print(IMSG_ERROR, "short\n", -1);
-        return n == 15 + 40002 ? 0 : 1;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    std::string big(40000, 'x');
+    std::string name(17000, 'n'), big(40000, 'x'), warning = name + ": Warning: w 5\n";
     big[20000] = 'y';
-    std::string line = "mytool: Error: " + big + "|\n";
-    EXPECT_EQ(r.err, line + line + "mytool: Error: short\n");
+    warning += name + ": Error: " + big + "|\n" + name + ": Error: " + big + "|\n";
+    std::string traced = "There was some kind of error in imsg_print_sharedv_util. (sz: 16384).\n"
+                         "prefix consumed entire buffer. (sz: 16384).\n" + warning;
+    for (const char *size : {"13", "20"})
+        traced += "Error, max buffer size " + std::string(size) +
+                  " passed to imsg_dynamic_len_vsnprintf() is not sufficient to hold the string.\n";
+    for (const char *sizes : {"5,\tstart_size = 10\n", "5,\tstart_size = 0\n"})
+        traced += "ERROR im imsg_dynamic_len_vsnprintf(): passed max_size argument is greater than passed "
+                  "start_size argument, or start_size argument is less or equal to 0.\nmax_size = " +
+                  std::string(sizes);
+    for (bool trace : {true, false}) {
+        setenv("TRACE_SUBSYS", trace ? "ks/imsg" : "other", 1);
+        setenv("TRACE_VERBOSITY", "1", 1);
+        auto r = ks_test::run_in_child([&] {
+            bool ok = imsg_print(IMSG_ERROR, "%ls\n", -1, L"\x263a") == -1;
+            imsg_set_app_name(name.c_str());
+            ok = ok && imsg_print(IMSG_WARNING, "w %d\n", -1, 5) == 17000 + 11 + 4;
+            ok = ok && imsg_print(IMSG_ERROR, "%s|\n", -1, big.c_str()) == 17000 + 9 + 40002;
+            ok = ok && imsg_print(IMSG_ERROR, "%s|\n", -1, big.c_str()) == 17000 + 9 + 40002;
+            // The buffer grows by fractional steps until it passes the maximum;
+            // with no room to grow (start equal to max) it gives up at once.
+            char *s = reinterpret_cast<char *>(1);
+            ok = ok && imsg_dynamic_len_snprintf(&s, 10, 13, "%ls", -1, L"\x263a") == -1 && s == nullptr;
+            ok = ok && imsg_dynamic_len_snprintf(&s, 20, 20, "%ls", -1, L"\x263a") == -1;
+            ok = ok && imsg_dynamic_len_snprintf(&s, 10, 5, "x", -1) == -1;
+            return ok && imsg_dynamic_len_snprintf(&s, 0, 5, "x", -1) == -1 && s == nullptr ? 0 : 1;
+        });
+        EXPECT_EQ(r.exit_code(), 0) << trace;
+        EXPECT_EQ(r.err, trace ? traced : warning);
+    }
 }
 
-TEST_F(Imsg, FormattingErrorIsReportedWhenTracing)
+TEST_F(Imsg, FormattersIntoMemory)
 {
-    setenv("TRACE_SUBSYS", "ks/imsg", 1);
-    setenv("TRACE_VERBOSITY", "1", 1);
-    auto r = ks_test::run_in_child([] {
-        imsg_set_app_name("mytool");
-        // A wide character the "C" locale cannot convert.
-        return imsg_print(IMSG_ERROR, "%ls\n", -1, L"\x263a") == -1 ? 0 : 1;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.err, "There was some kind of error in imsg_print_sharedv_util. (sz: 16384).\n");
-    unsetenv("TRACE_SUBSYS");
-    r = ks_test::run_in_child([] { return imsg_print(IMSG_ERROR, "%ls\n", -1, L"\x263a") == -1 ? 0 : 1; });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.err, "");
-}
-
-TEST_F(Imsg, PrefixFillingTheBufferIsReportedAndTheLinePrintedWhole)
-{
-    setenv("TRACE_SUBSYS", "ks/imsg", 1);
-    setenv("TRACE_VERBOSITY", "1", 1);
-    std::string name(17000, 'n');
-    auto r = ks_test::run_in_child([&] {
-        imsg_set_app_name(name.c_str());
-        return imsg_print(IMSG_WARNING, "w %d\n", -1, 5) == 17000 + 11 + 4 ? 0 : 1;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.err, "prefix consumed entire buffer. (sz: 16384).\n" + name + ": Warning: w 5\n");
+    char buf[64], *s = nullptr;
+    EXPECT_EQ(imsg_snprintf(buf, 10, &_ks_ks_msg_table, ks_operation, "open", "gone"), 21);
+    EXPECT_STREQ(buf, "Operation");
+    EXPECT_EQ(imsg_snprintf(buf, 0, &_ks_ks_msg_table, ks_operation, "open", "gone"), 21); // 0: unbounded
+    EXPECT_STREQ(buf, "Operation open: gone\n");
+    EXPECT_EQ(imsg_sprintf(buf, "%d-%s", -1, 12, "z"), 4);
+    EXPECT_STREQ(buf, "12-z");
+    EXPECT_EQ(imsg_snprintf_taggable(buf, sizeof buf, &_imsg_ks_msg_table, 16), 7);
+    EXPECT_STREQ(buf, "Error: ");
+    std::string arg(300, 'q');
+    ASSERT_EQ(imsg_dynamic_len_snprintf(&s, 8, 1000, &_ks_ks_msg_table, ks_operation, "op", arg.c_str()), 315);
+    EXPECT_EQ(std::string(s), "Operation op: " + arg + "\n");
+    free(s);
+    // A text exactly as long as the buffer needs one byte more for its end.
+    EXPECT_EQ(imsg_dynamic_len_snprintf(&s, 15, 15, &_ks_ks_msg_table, ks_operation, "a", "b"), -1);
+    ASSERT_EQ(imsg_dynamic_len_snprintf(&s, 15, 16, &_ks_ks_msg_table, ks_operation, "a", "b"), 15);
+    EXPECT_STREQ(s, "Operation a: b\n");
+    free(s);
+    EXPECT_EQ(imsg_dynamic_len_snprintf(&s, 8, 100, &_ks_ks_msg_table, ks_operation, "op", arg.c_str()), -1);
+    EXPECT_EQ(s, nullptr);
 }
 
 // ---- output procedures, logs and the capture file ----
 
-std::vector<std::string> *seen;
+std::string seen;
 void record_proc(int type, const char *text)
 {
-    seen->push_back(std::to_string(type) + ":" + text);
+    seen += "[" + std::to_string(type) + ":" + text + "]";
 }
 
-TEST_F(Imsg, InstalledProcedureTakesTheMessage)
+TEST_F(Imsg, InstalledProceduresTakeTheMessage)
 {
     auto r = ks_test::run_in_child([] {
-        std::vector<std::string> got;
-        seen = &got;
         imsg_set_app_name("mytool");
-        imsg_out_fns[IMSG_WARNING] = record_proc;
-        imsg_out_fns[IMSG_OK] = record_proc;
+        imsg_out_fns[IMSG_WARNING] = imsg_out_fns[IMSG_OK] = imsg_out_fns[IMSG_OK_CONT] = record_proc;
         imsg_print(IMSG_WARNING, "w\n", -1);
-        imsg_print(IMSG_INFO, "i\n", -1); // INFO borrows OK's procedure
+        imsg_print(IMSG_INFO, "i\n", -1);      // INFO borrows OK's procedure while its own is the default
+        imsg_print(IMSG_INFO_CONT, "c\n", -1); // and INFO_CONT OK_CONT's
         imsg_print(IMSG_ERROR, "e\n", -1);
-        imsg_print(12, "big\n", -1); // above 10: the procedure of IMSG_ERROR
-        for (auto &s : got)
-            printf("[%s]", s.c_str());
+        imsg_out_fns[IMSG_INFO] = [](int type, const char *text) { seen += "{" + std::to_string(type) + text + "}"; };
+        imsg_print(IMSG_INFO, "j\n", -1);
+        imsg_out_fns[IMSG_ERROR] = record_proc;
+        imsg_print(12, "big %d\n", -1, 3); // unknown, above 10: the procedure of IMSG_ERROR
+        printf("%d %s", ks::imsg_current_type(), seen.c_str());
         return 0;
     });
-    EXPECT_EQ(r.out, "[4:mytool: Warning: w\n][2:i\n]");
-    EXPECT_EQ(r.err.rfind("mytool: Error: e\nmytool: Error: Unknown message type 12", 0), 0u) << r.err;
-}
-
-std::vector<std::string> *seen_other;
-void record_other_proc(int type, const char *text)
-{
-    seen_other->push_back(std::to_string(type) + ":" + text);
-}
-
-TEST_F(Imsg, InfoKeepsItsOwnProcedure)
-{
-    auto r = ks_test::run_in_child([] {
-        std::vector<std::string> got, other;
-        seen = &got;
-        seen_other = &other;
-        imsg_out_fns[IMSG_OK] = record_proc;
-        imsg_out_fns[IMSG_OK_CONT] = record_proc;
-        imsg_out_fns[IMSG_INFO] = record_other_proc;
-        imsg_print(IMSG_INFO, "i\n", -1);
-        imsg_print(IMSG_INFO_CONT, "c\n", -1); // own is the default: OK_CONT's
-        imsg_print(IMSG_OK, "o\n", -1);
-        printf("%d %d\n", ks::imsg_current_type(), static_cast<int>(got.size()));
-        for (auto &s : got)
-            printf("[%s]", s.c_str());
-        for (auto &s : other)
-            printf("{%s}", s.c_str());
-        return 0;
-    });
-    EXPECT_EQ(r.out, "0 2\n[3:c\n][0:o\n]{2:i\n}");
+    EXPECT_EQ(r.err, "mytool: Error: e\n");
+    std::string head = "12 [4:mytool: Warning: w\n][2:i\n][3:c\n]{2j\n}"
+                       "[6:mytool: Error: Unknown message type 12 in file ../imsg at line ";
+    EXPECT_EQ(r.out.substr(0, head.size()), head);
+    EXPECT_EQ(r.out.substr(r.out.size() - 27), "[12:System message: big 3\n]");
 }
 
 TEST_F(Imsg, DupOutputPrintsToTheStreamAsWell)
 {
     setenv("IMSG_DUP_OUTPUT", "1", 1);
     auto r = ks_test::run_in_child([] {
-        std::vector<std::string> got;
-        seen = &got;
-        imsg_set_app_name("mytool");
         imsg_out_fns[IMSG_WARNING] = record_proc;
         imsg_print(IMSG_WARNING, "w\n", -1);
         setenv("IMSG_DUP_OUTPUT", "0", 1); // read once only
         imsg_print(IMSG_WARNING, "v\n", -1);
-        for (auto &s : got)
-            printf("[%s]", s.c_str());
-        return 0;
+        return printf("%s", seen.c_str()) < 0;
     });
-    EXPECT_EQ(r.err, "mytool: Warning: w\nmytool: Warning: v\n");
-    EXPECT_EQ(r.out, "[4:mytool: Warning: w\n][4:mytool: Warning: v\n]");
+    EXPECT_EQ(r.err, "noname: Warning: w\nnoname: Warning: v\n");
+    EXPECT_EQ(r.out, "[4:noname: Warning: w\n][4:noname: Warning: v\n]");
 }
 
-TEST_F(Imsg, CommandLogTakesEveryMessage)
+// The log layer's seams: an open command log takes every message, ahead of
+// any procedure; a daemon log is reopened and drained before each message and
+// its time stamp goes before the even types unless output is suspended.
+int reopen_calls, drain_calls;
+
+TEST_F(Imsg, CommandAndDaemonLogsDrivePrinting)
 {
     ks_test::temp_dir dir;
     std::string path = dir.file("log");
     auto r = ks_test::run_in_child([&] {
-        std::vector<std::string> got;
-        seen = &got;
         imsg_set_app_name("mytool");
         imsg_out_fns[IMSG_ERROR] = record_proc;
-        FILE *f = fopen(path.c_str(), "w");
-        ks::imsg_log_info.stream = f;
-        ks::imsg_log_info.ref_count = 1;
+        ks::imsg_log_info = {1, 0, fopen(path.c_str(), "w"), 0};
         imsg_print(IMSG_OK, "ok\n", -1);
         imsg_print(IMSG_ERROR, "bad\n", -1);
         ks::imsg_log_info.ref_count = 0;
-        fclose(f);
-        imsg_print(IMSG_OK, "after\n", -1);
-        return static_cast<int>(got.size());
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.out, "after\n");
-    EXPECT_EQ(ks_test::read_file(path), "ok\nmytool: Error: bad\n");
-}
-
-int reopen_calls, drain_calls;
-void count_reopen() { reopen_calls++; }
-void count_drain() { drain_calls++; }
-
-TEST_F(Imsg, DaemonStateDrivesReopenDrainAndTimeStamps)
-{
-    auto r = ks_test::run_in_child([] {
-        imsg_set_app_name("mytool");
-        imsg_print(IMSG_OK, "plain\n", -1);
+        fclose(ks::imsg_log_info.stream);
         static char name[] = "daemon.log";
         ks::imsg_daemon_log_name = name;
-        ks::imsg_daemon_reopen_hook = count_reopen;
-        ks::imsg_drain_pipes_hook = count_drain;
-        ks::clock_fix(86400 + 3600, 0);
+        ks::imsg_daemon_reopen_hook = [] { reopen_calls++; };
+        ks::imsg_drain_pipes_hook = [] { drain_calls++; };
+        ks::clock_fix(90000, 0);
         imsg_print(IMSG_OK, "even\n", -1);
         imsg_print(IMSG_OK_CONT, "odd\n", -1);
+        imsg_print_time(stdout, 10);
+        imsg_print_time(stdout, 11);
         ks::imsg_daemon_suspended = true;
-        imsg_print(IMSG_ERROR, "suspended\n", -1);
-        fflush(stdout);
-        char *stamp = date_fmt_token_general(86400 + 3600, 0, 0, 0, 0);
-        fprintf(stderr, "%d %d|%s", reopen_calls, drain_calls, stamp);
-        free(stamp);
-        return 0;
+        imsg_print(IMSG_INFO, "suspended\n", -1);
+        return printf("%d %d %s", reopen_calls, drain_calls, seen.c_str()) < 0;
     });
-    size_t sp = r.err.find('|');
-    ASSERT_NE(sp, std::string::npos) << r.err;
-    std::string stamp = r.err.substr(sp + 1);
-    EXPECT_EQ(r.err.substr(0, sp), "mytool: Error: suspended\n3 3");
-    EXPECT_FALSE(stamp.empty());
-    EXPECT_EQ(r.out, "plain\n" + stamp + " even\nodd\n");
-}
-
-TEST_F(Imsg, PrintTimeWritesTheGeneralTokenForEvenTypes)
-{
-    ks::clock_fix(1700000000, 0);
-    FILE *f = tmpfile();
-    ASSERT_NE(f, nullptr);
-    for (int t = 0; t <= 11; t++)
-        imsg_print_time(f, t);
-    rewind(f);
-    char buf[512] = "";
-    size_t n = fread(buf, 1, sizeof buf - 1, f);
-    fclose(f);
-    char *token = date_fmt_token_general(1700000000, 0, 0, 0, 0);
-    ASSERT_NE(token, nullptr);
-    std::string stamp = std::string(token) + " ";
-    free(token);
-    std::string want;
-    for (int i = 0; i < 6; i++)
-        want += stamp;
-    EXPECT_EQ(std::string(buf, n), want);
-    ks::clock_release();
+    EXPECT_EQ(ks_test::read_file(path), "ok\nmytool: Error: bad\n");
+    char *stamp = date_fmt_token_general(90000, 0, 0, 0, 0);
+    ASSERT_NE(stamp, nullptr);
+    EXPECT_EQ(r.out, std::string(stamp) + " even\nodd\n" + stamp + " suspended\n3 3 ");
+    free(stamp);
 }
 
 TEST_F(Imsg, CaptureLogRecordsCataloguedMessages)
@@ -594,23 +420,17 @@ TEST_F(Imsg, CaptureLogRecordsCataloguedMessages)
     imsg_snprintf(buf, sizeof buf, &_ks_ks_msg_table, ks_operation, "a", "b");
     imsg_snprintf(buf, sizeof buf, "literal %d", -1, 1); // not catalogued: not recorded
     imsg_sprintf(buf, &_imsg_ks_msg_table, 3, "f", "g");
-    std::string file = base + "." + std::to_string(getpid());
-    EXPECT_EQ(ks_test::read_file(file), "## library : subsys : msg ID : msg text\n"
-                                        "ks_lib : ks : 4 : Operation %s: %s\n\n"
-                                        "ks_lib : ks/imsg : 6 : Unable to open file \"%s\":  %s\n\n");
-}
-
-TEST_F(Imsg, UnopenableCaptureLogIsIgnored)
-{
-    setenv("OTTERMERE_IMSG_CAPTURE_LOG", "/nonexistent/dir/capture", 1);
-    char buf[64];
-    EXPECT_EQ(imsg_snprintf(buf, sizeof buf, &_ks_ks_msg_table, ks_operation, "a", "b"), 15);
-    EXPECT_STREQ(buf, "Operation a: b\n");
+    EXPECT_EQ(ks_test::read_file(base + "." + std::to_string(getpid())),
+              "## library : subsys : msg ID : msg text\nks_lib : ks : 4 : Operation %s: %s\n\n"
+              "ks_lib : ks/imsg : 6 : Unable to open file \"%s\":  %s\n\n");
+    auto r = ks_test::run_in_child([&] { // an unopenable capture file is ignored
+        setenv("OTTERMERE_IMSG_CAPTURE_LOG", "/nonexistent/dir/capture", 1);
+        return imsg_snprintf(buf, sizeof buf, &_ks_ks_msg_table, ks_operation, "a", "b") == 15 ? 0 : 1;
+    });
+    EXPECT_EQ(r.exit_code(), 0);
 }
 
 // ---- styled writing ----
-
-const char styled[] = "\001\0011Bbold\001\0010B \001\0011Iso\001\0010I \001\0011Uul\001\0010U\n";
 
 std::string cap(const char *name)
 {
@@ -618,83 +438,63 @@ std::string cap(const char *name)
     return s && s != reinterpret_cast<char *>(-1) ? s : "";
 }
 
-TEST_F(Imsg, StyledTextOnATerminalCarriesTheCapabilities)
+TEST_F(Imsg, StyledTextCarriesTheCapabilitiesOnlyOnATerminalWithTerm)
 {
-    setenv("TERM", "xterm", 1);
-    auto r = ks_test::run_in_pty([] {
-        imsg_print(IMSG_OK, styled, -1);
-        return 0;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
     int err = 0;
     ASSERT_EQ(setupterm("xterm", 2, &err), OK);
-    std::string want = cap("bold") + "bold" + cap("sgr0") + " " + cap("smso") + "so" + cap("rmso") + " " +
-                       cap("smul") + "ul" + cap("rmul") + "\r\n";
-    EXPECT_FALSE(cap("bold").empty());
-    EXPECT_EQ(r.out, want);
-}
-
-TEST_F(Imsg, StyledTextToAPipeIsPlain)
-{
-    setenv("TERM", "xterm", 1);
-    auto r = ks_test::run_in_child([] {
-        imsg_print(IMSG_OK, styled, -1);
-        return 0;
-    });
-    EXPECT_EQ(r.out, "bold so ul\n");
-}
-
-TEST_F(Imsg, NoBoldOrNoTermGivesPlainText)
-{
-    setenv("TERM", "xterm", 1);
-    setenv("ORVIN_NO_BOLD", "1", 1);
-    auto r = ks_test::run_in_pty([] {
-        imsg_print(IMSG_OK, styled, -1);
-        return 0;
-    });
-    EXPECT_EQ(r.out, "bold so ul\r\n");
-    unsetenv("ORVIN_NO_BOLD");
-    unsetenv("TERM");
-    r = ks_test::run_in_pty([] {
-        imsg_print(IMSG_OK, styled, -1);
-        imsg_print(IMSG_OK, "\001\0011Xkeep\n", -1); // not a style sequence
-        return 0;
-    });
-    EXPECT_EQ(r.out, "bold so ul\r\n\001\0011Xkeep\r\n");
+    ASSERT_FALSE(cap("bold").empty());
+    std::string styled = cap("bold") + "bold" + cap("sgr0") + " " + cap("smso") + "so" + cap("rmso") + " " +
+                         cap("smul") + "ul" + cap("rmul");
+    struct { const char *term, *no_bold; bool pty; } cases[] = {
+        {"xterm", nullptr, true}, {"xterm", nullptr, false}, {"xterm", "1", true}, {nullptr, nullptr, true}};
+    for (auto &c : cases) {
+        c.term ? setenv("TERM", c.term, 1) : unsetenv("TERM");
+        c.no_bold ? setenv("ORVIN_NO_BOLD", c.no_bold, 1) : unsetenv("ORVIN_NO_BOLD");
+        auto print = [] {
+            imsg_print(IMSG_OK, "\001\0011Bbold\001\0010B \001\0011Iso\001\0010I \001\0011Uul\001\0010U\n", -1);
+            return imsg_print(IMSG_OK, "\001\0011Xkeep\n", -1) < 0; // not a style sequence
+        };
+        auto r = c.pty ? ks_test::run_in_pty(print) : ks_test::run_in_child(print);
+        std::string nl = c.pty ? "\r\n" : "\n";
+        EXPECT_EQ(r.out, (c.pty && c.term && !c.no_bold ? styled : "bold so ul") + nl + "\001\0011Xkeep" + nl)
+            << "case " << &c - cases;
+    }
 }
 
 TEST_F(Imsg, InterleaveMarkerFlushesAndIsDropped)
 {
-    auto r = ks_test::run_in_child([] {
-        imsg_fputs("a||b\n", stdout);
-        return 0;
-    });
+    auto r = ks_test::run_in_child([] { return imsg_fputs("a||b\n", stdout) < 0; });
     EXPECT_EQ(r.out, "a||b\n");
     setenv("IMSG_IO_INTERLEAVE", "1", 1);
     r = ks_test::run_in_child([] {
         imsg_fputs("a||b|c\n", stdout);
-        return 0;
-    });
-    EXPECT_EQ(r.out, "ab|c\n");
-}
-
-TEST_F(Imsg, MarkerInsideAShiftJisCharacterIsText)
-{
-    setenv("IMSG_IO_INTERLEAVE", "1", 1);
-    auto r = ks_test::run_in_child([] {
         if (!setlocale(LC_ALL, "ja_JP.SJIS"))
             return 3;
-        // 0x95 0x7C is one character whose second byte is '|'.
-        imsg_fputs("\x95\x7C|x||y\n", stdout);
-        return 0;
+        return imsg_fputs("\x95\x7C|x||y\n", stdout) < 0 ? 1 : 0; // 0x95 0x7C: one character ending in '|'
     });
     ASSERT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.out, "\x95\x7C|xy\n");
+    EXPECT_EQ(r.out, "ab|c\n\x95\x7C|xy\n");
 }
 
 // ---- tracing ----
 
-TEST_F(Imsg, TraceAllSubsystemsUpToTheLevel)
+TEST_F(Imsg, TraceMatchesWholeElementsOnly)
+{
+    struct { const char *list, *subsys; bool want; } cases[] = {
+        {"rt:ks/imsg", "ks/imsg", true}, {"rt:ks/imsg", "ks", false}, {"rt:ks/imsg", "imsg", false},
+        {"rt:ks/imsg", "rt", true}, {"rt:ks/imsg", "r", false}, {"rt:ks/imsg", "rt:ks", false},
+        {"rt:ks/imsg", "rt:ks/imsg", true}, {"ks/imsg:ks", "ks", true}, {"ks/imsg:ks", "", false},
+        {"*", "anything", true}, {"", "x", false}};
+    imsg_set_trace_verbosity(1);
+    for (auto &c : cases) {
+        imsg_set_trace_subsys(c.list);
+        EXPECT_EQ(imsg_should_trace(c.subsys, 1), c.want) << c.list << " / " << c.subsys;
+        EXPECT_EQ(imsg_should_trace_subsys(c.subsys), c.want) << c.list << " / " << c.subsys;
+        EXPECT_FALSE(imsg_should_trace(c.subsys, 2)) << c.list << " / " << c.subsys;
+    }
+}
+
+TEST_F(Imsg, TraceSettingsFromTheEnvironmentAndCalls)
 {
     setenv("TRACE_SUBSYS", "*", 1);
     setenv("TRACE_VERBOSITY", "2", 1);
@@ -702,227 +502,84 @@ TEST_F(Imsg, TraceAllSubsystemsUpToTheLevel)
     EXPECT_TRUE(imsg_should_trace("x", 2));
     EXPECT_EQ(imsg_get_desired_verbosity(), 2);
     EXPECT_FALSE(imsg_should_trace("x", 3));
-    EXPECT_TRUE(imsg_should_trace_subsys("anything"));
-}
-
-TEST_F(Imsg, TraceMatchesWholeElementsOnly)
-{
-    setenv("TRACE_SUBSYS", "rt:ks/imsg", 1);
-    setenv("TRACE_VERBOSITY", "1", 1);
-    EXPECT_TRUE(imsg_should_trace("ks/imsg", 1));
-    EXPECT_FALSE(imsg_should_trace("ks", 1));
-    EXPECT_FALSE(imsg_should_trace("imsg", 1));
-    EXPECT_TRUE(imsg_should_trace("rt", 1));
-    EXPECT_FALSE(imsg_should_trace("r", 1));
-    EXPECT_FALSE(imsg_should_trace("rt:ks", 1));
-    EXPECT_TRUE(imsg_should_trace("rt:ks/imsg", 1)); // a run of elements
-    imsg_set_trace_subsys("ks/imsg:ks");
-    EXPECT_TRUE(imsg_should_trace("ks", 1)); // a later occurrence counts
-    EXPECT_FALSE(imsg_should_trace("", 1));
-}
-
-TEST_F(Imsg, TraceSettingsFromCalls)
-{
+    imsg_reset_verbosity();
+    imsg_set_trace_subsys(nullptr);
     setenv("TRACE_VERBOSITY", "junk", 1);
+    unsetenv("TRACE_SUBSYS");
     EXPECT_EQ(imsg_get_verbosity_ev(), 0);
     EXPECT_FALSE(imsg_should_trace("x", 0)); // no list at all
+    setenv("TRACE_SUBSYS", "*", 1); // read only while the verbosity is 32767
     imsg_set_trace_verbosity(5);
-    EXPECT_FALSE(imsg_should_trace("x", 1)); // TRACE_SUBSYS is read only with 32767
-    imsg_set_trace_subsys("a:b");
-    EXPECT_TRUE(imsg_should_trace("b", 5));
-    EXPECT_FALSE(imsg_should_trace("b", 6));
-    imsg_set_trace_subsys("");
-    EXPECT_FALSE(imsg_should_trace("b", 1));
-    imsg_reset_verbosity();
-    EXPECT_EQ(imsg_get_desired_verbosity(), 32767);
-    setenv("TRACE_VERBOSITY", "7", 1);
+    EXPECT_FALSE(imsg_should_trace("x", 1));
     imsg_set_trace_subsys("*");
-    EXPECT_TRUE(imsg_should_trace("x", 7));
-    EXPECT_EQ(imsg_get_desired_verbosity(), 7);
+    EXPECT_TRUE(imsg_should_trace("x", 5));
 }
 
-// ---- formatting into memory ----
-
-TEST_F(Imsg, SnprintfFamily)
-{
-    char buf[64];
-    EXPECT_EQ(imsg_snprintf(buf, 10, &_ks_ks_msg_table, ks_operation, "open", "gone"), 21);
-    EXPECT_STREQ(buf, "Operation");
-    EXPECT_EQ(imsg_snprintf(buf, 0, &_ks_ks_msg_table, ks_operation, "open", "gone"), 21);
-    EXPECT_STREQ(buf, "Operation open: gone\n");
-    EXPECT_EQ(imsg_sprintf(buf, "%d-%s", -1, 12, "z"), 4);
-    EXPECT_STREQ(buf, "12-z");
-    EXPECT_EQ(imsg_snprintf_taggable(buf, sizeof buf, &_imsg_ks_msg_table, 16), 7);
-    EXPECT_STREQ(buf, "Error: ");
-}
-
-TEST_F(Imsg, DynamicLengthGrowsToFit)
-{
-    char *s = nullptr;
-    std::string arg(300, 'q');
-    int n = imsg_dynamic_len_snprintf(&s, 8, 1000, &_ks_ks_msg_table, ks_operation, "op", arg.c_str());
-    ASSERT_EQ(n, 315);
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(std::string(s), "Operation op: " + arg + "\n");
-    free(s);
-    // A text exactly as long as the buffer needs one byte more for its end.
-    ASSERT_EQ(imsg_dynamic_len_snprintf(&s, 15, 15, &_ks_ks_msg_table, ks_operation, "a", "b"), -1);
-    ASSERT_EQ(imsg_dynamic_len_snprintf(&s, 15, 16, &_ks_ks_msg_table, ks_operation, "a", "b"), 15);
-    EXPECT_STREQ(s, "Operation a: b\n");
-    free(s);
-    s = reinterpret_cast<char *>(1);
-    EXPECT_EQ(imsg_dynamic_len_snprintf(&s, 8, 100, &_ks_ks_msg_table, ks_operation, "op", arg.c_str()), -1);
-    EXPECT_EQ(s, nullptr);
-}
-
-TEST_F(Imsg, DynamicLengthReportsABadMessageOnce)
-{
-    auto r = ks_test::run_in_child([] {
-        imsg_set_app_name("mytool");
-        char *s = reinterpret_cast<char *>(1);
-        int n = imsg_dynamic_len_snprintf(&s, 10, 100, &_rt_ks_msg_table, _rt_ks_msg_table.count);
-        return n == -1 && s == nullptr ? 0 : 1;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.err, "mytool: Error: IMSG Internal error (vsprintf) - tbl " + addr(&_rt_ks_msg_table) + ", num " +
-                         std::to_string(_rt_ks_msg_table.count) + ".\n");
-}
-
-TEST_F(Imsg, DynamicLengthGivesUpOnAFormattingError)
-{
-    setenv("TRACE_SUBSYS", "ks/imsg", 1);
-    setenv("TRACE_VERBOSITY", "1", 1);
-    auto r = ks_test::run_in_child([] {
-        char *s = reinterpret_cast<char *>(1);
-        // The result stays negative at every size: the buffer grows by
-        // fractional steps until it passes the maximum; with no room to grow
-        // (start equal to max) it gives up at once.
-        int a = imsg_dynamic_len_snprintf(&s, 10, 13, "%ls", -1, L"\x263a");
-        int b = imsg_dynamic_len_snprintf(&s, 20, 20, "%ls", -1, L"\x263a");
-        return a == -1 && b == -1 && s == nullptr ? 0 : 1;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.err, "Error, max buffer size 13 passed to imsg_dynamic_len_vsnprintf() is not sufficient to hold "
-                     "the string.\n"
-                     "Error, max buffer size 20 passed to imsg_dynamic_len_vsnprintf() is not sufficient to hold "
-                     "the string.\n");
-}
-
-TEST_F(Imsg, DynamicLengthRejectsBadSizes)
-{
-    setenv("TRACE_SUBSYS", "ks/imsg", 1);
-    setenv("TRACE_VERBOSITY", "1", 1);
-    auto r = ks_test::run_in_child([] {
-        char *s = nullptr;
-        int a = imsg_dynamic_len_snprintf(&s, 10, 5, "x", -1);
-        int b = imsg_dynamic_len_snprintf(&s, 0, 5, "x", -1);
-        return a == -1 && b == -1 && s == nullptr ? 0 : 1;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_NE(r.err.find("max_size = 5,\tstart_size = 10\n"), std::string::npos) << r.err;
-    EXPECT_NE(r.err.find("max_size = 5,\tstart_size = 0\n"), std::string::npos) << r.err;
-}
-
-// ---- error texts and settings ----
+// ---- error texts, settings and the terminal prompt ----
 
 TEST_F(Imsg, ErrorNumberTexts)
 {
-    EXPECT_STREQ(imsg_strerror(0), "0");
-    EXPECT_STREQ(imsg_strerror(-5), "-5");
-    EXPECT_STREQ(imsg_strerror(ENOENT), strerror(ENOENT));
-    EXPECT_STREQ(imsg_strerror(99999), "99999");
-    EXPECT_STREQ(imsg_strerror_gethost(1), "Host not found");
-    EXPECT_STREQ(imsg_strerror_gethost(2), "Non-authoritative host not found");
-    EXPECT_STREQ(imsg_strerror_gethost(3), "This is a non-recoverable error");
-    EXPECT_STREQ(imsg_strerror_gethost(4), "Valid name, no data record of requested type");
-    EXPECT_STREQ(imsg_strerror_gethost(EACCES), strerror(EACCES));
-    EXPECT_STREQ(imsg_strerror_gethost(0), "0");
+    struct { int n; const char *err, *host; } cases[] = {
+        {0, "0", "0"}, {-5, "-5", "-5"}, {99999, "99999", "99999"}, {EACCES, strerror(EACCES), strerror(EACCES)},
+        {1, strerror(1), "Host not found"}, {2, strerror(2), "Non-authoritative host not found"},
+        {3, strerror(3), "This is a non-recoverable error"},
+        {4, strerror(4), "Valid name, no data record of requested type"}};
+    for (auto &c : cases) {
+        EXPECT_EQ(std::string(imsg_strerror(c.n)), c.err) << c.n;
+        EXPECT_EQ(std::string(imsg_strerror_gethost(c.n)), c.host) << c.n;
+    }
 }
 
-uint32_t fake_clock(void *arg)
+TEST_F(Imsg, AppNameErrnumFileAndClock)
 {
-    return *static_cast<uint32_t *>(arg) + 1;
-}
-
-TEST_F(Imsg, NamesHomeErrnumFileAndClock)
-{
-    EXPECT_STREQ(imsg_get_app_name(), "noname");
     imsg_set_app_name("/x/y/tool");
-    EXPECT_STREQ(imsg_get_app_name(), "tool");
-    imsg_set_app_name("plain");
-    EXPECT_STREQ(imsg_get_app_name(), "plain");
     imsg_set_app_name(nullptr);
     EXPECT_STREQ(imsg_get_app_name(), "noname");
-
-    EXPECT_STREQ(imsg_set_message_home("/srv/msgs"), "/srv/msgs");
-    EXPECT_STREQ(imsg_set_message_home(nullptr), "/opt/tamarack/ottermere");
-
-    EXPECT_STREQ(ks::imsg_errnum_file(), "errnum.imsg");
     imsg_set_errnum_file(KS_SOURCE_DIR "/lib/ks/imsg.msg");
-    EXPECT_STREQ(ks::imsg_errnum_file(), KS_SOURCE_DIR "/lib/ks/imsg.msg");
     imsg_set_errnum_file("/nonexistent/errnum"); // unreadable: nothing changes
     EXPECT_STREQ(ks::imsg_errnum_file(), KS_SOURCE_DIR "/lib/ks/imsg.msg");
     imsg_set_errnum_file(nullptr);
     EXPECT_STREQ(ks::imsg_errnum_file(), "errnum.imsg");
-
     EXPECT_EQ(imsg_clock(), 0u);
     uint32_t base = 41;
-    imsg_set_clock_callback(fake_clock, &base);
+    imsg_set_clock_callback([](void *arg) { return *static_cast<uint32_t *>(arg) + 1; }, &base);
     EXPECT_EQ(imsg_clock(), 42u);
 }
 
-TEST_F(Imsg, GuiFollowsTheFrontEndSwitches)
+TEST_F(Imsg, GuiFollowsEitherFrontEndSwitch)
 {
-    // The switches are read once per process: each answer in a fresh child.
-    auto r = ks_test::run_in_child([] { return imsg_in_gui(); });
-    EXPECT_EQ(r.exit_code(), 0);
-    r = ks_test::run_in_child([] {
-        setenv("ORVIN_WEB_GUI", "1", 1);
-        return imsg_in_gui();
-    });
-    EXPECT_EQ(r.exit_code(), 1);
-    r = ks_test::run_in_child([] {
-        setenv("ORVIN_FORCE_GUI", "1", 1);
-        return imsg_in_gui();
-    });
-    EXPECT_EQ(r.exit_code(), 1);
-}
-
-TEST_F(Imsg, PromptProceedWithoutATerminalDoesNotRead)
-{
-    auto r = ks_test::run_in_child([] { return imsg_prompt_proceed(IMSG_OK, "Go on?\n", 0, 3); }, "abort\n");
-    EXPECT_EQ(r.exit_code(), 0);
-    EXPECT_EQ(r.out, "Go on?\n");
+    for (const char *var : {"NONE", "ORVIN_WEB_GUI", "ORVIN_FORCE_GUI"}) // read once: a fresh child each
+        EXPECT_EQ(ks_test::run_in_child([&] { return setenv(var, "1", 1) + imsg_in_gui(); }).exit_code(),
+                  strcmp(var, "NONE") != 0)
+            << var;
 }
 
 // Answers typed on a real terminal: the child's standard input is the slave
 // side of a pseudo-terminal whose master already holds the lines.
 int prompt_with_answers(const char *answers, int default_choice, int choices, int prompts)
 {
-    int master, slave;
-    if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0)
+    int master, slave, code = 0;
+    if (openpty(&master, &slave, nullptr, nullptr, nullptr) != 0 || write(master, answers, strlen(answers)) < 0)
         return 100;
-    if (write(master, answers, strlen(answers)) < 0)
-        return 101;
     dup2(slave, 0);
-    int code = 0;
     for (int i = 0; i < prompts; i++)
         code = code * 2 + imsg_prompt_proceed(IMSG_WARNING, "Go on?\n", default_choice, choices);
     return code;
 }
 
-TEST_F(Imsg, PromptProceedReadsAnswersOnATerminal)
+TEST_F(Imsg, PromptProceedReadsAnswersOnlyOnATerminal)
 {
-    // abort, proceed, empty (default proceed), "ABO" (a prefix of the word)
-    auto r = ks_test::run_in_child([] { return prompt_with_answers("abort\nproceed\n\nABO\n", 0, 3, 4); });
-    EXPECT_EQ(r.exit_code(), 0b1001);
-    EXPECT_EQ(r.err, "noname: Warning: Go on?\nnoname: Warning: Go on?\n"
-                     "noname: Warning: Go on?\nnoname: Warning: Go on?\n");
-    // An empty answer takes the default; abort is refused when not allowed.
-    r = ks_test::run_in_child([] { return prompt_with_answers("\nabort\n", 1, 3, 1); });
-    EXPECT_EQ(r.exit_code(), 1);
-    r = ks_test::run_in_child([] { return prompt_with_answers("abort\n\n", 1, 2, 2); });
+    auto r = ks_test::run_in_child([] { return imsg_prompt_proceed(IMSG_OK, "Go on?\n", 0, 3); }, "abort\n");
     EXPECT_EQ(r.exit_code(), 0);
+    EXPECT_EQ(r.out, "Go on?\n");
+    // abort, proceed, empty (default proceed), "ABO" (a prefix of the word)
+    r = ks_test::run_in_child([] { return prompt_with_answers("abort\nproceed\n\nABO\n", 0, 3, 4); });
+    EXPECT_EQ(r.exit_code(), 0b1001);
+    std::string line = "noname: Warning: Go on?\n";
+    EXPECT_EQ(r.err, line + line + line + line);
+    // An empty answer takes the default; abort is refused when not allowed.
+    EXPECT_EQ(ks_test::run_in_child([] { return prompt_with_answers("\nabort\n", 1, 3, 1); }).exit_code(), 1);
+    EXPECT_EQ(ks_test::run_in_child([] { return prompt_with_answers("abort\n\n", 1, 2, 2); }).exit_code(), 0);
 }
 
 } // namespace

@@ -6,131 +6,115 @@
 
 #include <errno.h>
 #include <grp.h>
-#include <linux/capability.h>
 #include <locale.h>
 #include <pwd.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <random>
 #include <string>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "ks_test_util.h"
 
-using ::testing::HasSubstr;
 using ks_test::child_result;
-using ks_test::run_in_child;
 
 namespace {
 
 const int UNSHARE_REFUSED = 77;
+const uint32_t NOBODY = CREDUTL_ID_NOBODY;
+const uint32_t ANY = CREDUTL_ID_DONTCARE;
 
-std::string bytes_of(const credutl_sid_t &sid, size_t n = CREDUTL_SID_SIZE)
+// The first n bytes of a SID in hex.
+std::string hex(const credutl_sid_t &sid, size_t n = CREDUTL_SID_SIZE)
 {
-    static const char digits[] = "0123456789abcdef";
-    const uint8_t *p = reinterpret_cast<const uint8_t *>(&sid);
-    std::string s;
-    for (size_t i = 0; i < n; i++) {
-        if (i > 0)
-            s += ' ';
-        s += digits[p[i] >> 4];
-        s += digits[p[i] & 15];
-    }
-    return s;
+    char buf[2 * CREDUTL_SID_SIZE + 1] = "";
+    for (size_t i = 0; i < n; i++)
+        snprintf(buf + 2 * i, 3, "%02x", reinterpret_cast<const uint8_t *>(&sid)[i]);
+    return buf;
 }
 
-credutl_sid_t sid_from(std::initializer_list<int> bytes, uint8_t tail = 0)
+credutl_sid_t sid_from(std::initializer_list<uint8_t> bytes, uint8_t tail = 0)
 {
     credutl_sid_t sid;
     memset(&sid, tail, sizeof sid);
-    uint8_t *p = reinterpret_cast<uint8_t *>(&sid);
-    size_t i = 0;
-    for (int b : bytes)
-        p[i++] = static_cast<uint8_t>(b);
+    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<uint8_t *>(&sid));
     return sid;
 }
 
-std::string text_of(const credutl_sid_t &sid)
+credutl_sid_t unix_sid(uint32_t id, bool gid)
+{
+    credutl_sid_t sid = sid_from({}, 0xEE);
+    gid ? credutl_unix_gid_to_sid(id, &sid) : credutl_unix_uid_to_sid(id, &sid);
+    return sid;
+}
+
+std::string text_of(const credutl_sid_t &sid, bool raw = false)
 {
     char buf[CREDUTL_SID_STR_SIZE];
-    return credutl_sid_to_str(&sid, buf);
+    return raw ? credutl_sid_to_str_raw(&sid, buf) : credutl_sid_to_str(&sid, buf);
 }
 
-std::string raw_of(const credutl_sid_t &sid)
+credutl_credentials_t cred_of(credutl_uid_t uid, credutl_gid_t gid, std::initializer_list<credutl_gid_t> groups)
 {
-    char buf[CREDUTL_SID_STR_SIZE];
-    return credutl_sid_to_str_raw(&sid, buf);
+    credutl_credentials_t c = {uid, gid, static_cast<int32_t>(groups.size()), {}};
+    std::copy(groups.begin(), groups.end(), c.groups);
+    return c;
 }
 
-// The regular expression that matches text literally.
-std::string literal(const std::string &text)
+// The library's own texts of the records (their formats are checked once).
+std::string str(const credutl_credentials_t &c)
 {
-    std::string re;
-    for (char c : text) {
-        if (strchr("\\^$.|?*+()[]{}", c) != nullptr)
-            re += '\\';
-        re += c;
-    }
-    return re;
+    char buf[CREDUTL_CREDENTIALS_STR_SIZE] = "";
+    return credutl_credentials_to_str(&c, buf);
 }
 
-// The fault layer's line for a failed check of expr in source.
-std::string assertion(const std::string &expr, const std::string &source)
+std::string str(const credutl_sid_credentials_t &c)
 {
-    return literal("PFM_ASSERT:(" + expr + ") failed: '" + source + "':");
+    char buf[CREDUTL_CREDENTIALS_STR_SIZE] = "";
+    return credutl_sid_credentials_to_str(&c, buf);
 }
 
-// Runs fn in a child given new namespaces (CLONE_NEWUTS, CLONE_NEWNS).  The
-// caller skips when the sandbox refuses them.
-child_result in_namespaces(int flags, const std::function<int()> &fn)
+// The names of a string record, which is then freed.
+std::string names_of(credutl_string_credentials_t *s)
 {
-    return run_in_child([&]() {
-        if (unshare(flags) != 0) {
-            printf("unshare refused: %s\n", strerror(errno));
-            return UNSHARE_REFUSED;
-        }
-        if ((flags & CLONE_NEWNS) != 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            printf("unshare refused: making / private: %s\n", strerror(errno));
-            return UNSHARE_REFUSED;
-        }
+    std::string t = std::string(s->user) + " " + s->group + " " + std::to_string(s->ngroups) + ":";
+    for (int i = 0; i < s->ngroups; i++)
+        t += std::string(" ") + s->groups[i];
+    credutl_free_string_credentials(s);
+    return t;
+}
+
+// Runs fn in a child with a UTS namespace of its own (plus the extra
+// namespaces asked for), named host with the system domain name domain.
+child_result in_host(const char *host, const char *domain, const std::function<int()> &fn, int extra = 0)
+{
+    return ks_test::run_in_child([&]() {
+        if (unshare(CLONE_NEWUTS | extra) != 0 ||
+            (extra != 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0))
+            return printf("private namespaces refused: %s\n", strerror(errno)), UNSHARE_REFUSED;
+        if (sethostname(host, strlen(host)) != 0 || setdomainname(domain, strlen(domain)) != 0)
+            return 2;
         return fn();
     });
 }
 
-#define SKIP_IF_REFUSED(r)                                                                      \
-    do {                                                                                        \
-        if ((r).exit_code() == UNSHARE_REFUSED)                                                 \
-            GTEST_SKIP() << "private namespaces are not available here: " << (r).out;           \
-    } while (0)
+#define SKIP_IF_REFUSED(r) \
+    do { if ((r).exit_code() == UNSHARE_REFUSED) GTEST_SKIP() << "namespaces refused: " << (r).out; } while (0)
 
-// Names this host (and its NIS domain) inside the child's UTS namespace.
-int set_host(const char *host, const char *domain)
-{
-    if (sethostname(host, strlen(host)) != 0 || setdomainname(domain, strlen(domain)) != 0) {
-        printf("cannot name the host: %s\n", strerror(errno));
-        return 1;
-    }
-    return 0;
-}
-
-// Prints a passwd record on one line (or "null").
 void print_pw(const credutl_passwd_sid_t *pw)
 {
-    if (pw == nullptr) {
+    if (pw == nullptr)
         printf("null\n");
-        return;
-    }
-    printf("%s %u %s | %s %u %s | %s | %s\n", pw->user.name, pw->user.uid, text_of(pw->user.sid).c_str(),
-           pw->group.name, pw->group.gid, text_of(pw->group.sid).c_str(), pw->passwd, pw->home);
+    else
+        printf("%s %u %s | %s %u %s | %s | %s\n", pw->user.name, pw->user.uid, text_of(pw->user.sid).c_str(),
+               pw->group.name, pw->group.gid, text_of(pw->group.sid).c_str(), pw->passwd, pw->home);
 }
 
 void print_gr(const credutl_group_sid_t *gr)
@@ -141,903 +125,458 @@ void print_gr(const credutl_group_sid_t *gr)
         printf("%s %u %s\n", gr->name, gr->gid, text_of(gr->sid).c_str());
 }
 
-std::string ids_line()
-{
-    uid_t ru, eu, su;
-    gid_t rg, eg, sg;
-    getresuid(&ru, &eu, &su);
-    getresgid(&rg, &eg, &sg);
-    gid_t list[64];
-    int n = getgroups(64, list);
-    std::string s = "uid " + std::to_string(ru) + "," + std::to_string(eu) + "," + std::to_string(su) + " gid " +
-                    std::to_string(rg) + "," + std::to_string(eg) + "," + std::to_string(sg) + " groups";
-    for (int i = 0; i < n; i++)
-        s += " " + std::to_string(list[i]);
-    return s;
-}
+// ---- SIDs ----
 
-// Gives up every privilege: groups, gids and uids all become daemon's.
-int drop_to_daemon()
-{
-    gid_t one = 1;
-    if (setgroups(1, &one) != 0 || setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0) {
-        printf("cannot drop privilege: %s\n", strerror(errno));
-        return 1;
-    }
-    return 0;
-}
-
-// Removes one capability from the effective and permitted sets.
-int drop_capability(int cap)
-{
-    struct __user_cap_header_struct hdr = {_LINUX_CAPABILITY_VERSION_3, 0};
-    struct __user_cap_data_struct data[2];
-    if (syscall(SYS_capget, &hdr, data) != 0)
-        return 1;
-    data[cap / 32].effective &= ~(1u << (cap % 32));
-    data[cap / 32].permitted &= ~(1u << (cap % 32));
-    return syscall(SYS_capset, &hdr, data) != 0 ? 1 : 0;
-}
-
-credutl_credentials_t cred_of(credutl_uid_t uid, credutl_gid_t gid, std::vector<credutl_gid_t> groups)
-{
-    credutl_credentials_t c;
-    memset(&c, 0, sizeof c);
-    c.uid = uid;
-    c.gid = gid;
-    c.ngroups = static_cast<int32_t>(groups.size());
-    for (size_t i = 0; i < groups.size() && i < CREDUTL_NGROUPS_MAX; i++)
-        c.groups[i] = groups[i];
-    return c;
-}
-
-std::string groups_of(const credutl_credentials_t &c)
-{
-    std::string s;
-    for (int i = 0; i < c.ngroups; i++)
-        s += (i ? " " : "") + std::to_string(static_cast<int32_t>(c.groups[i]));
-    return s;
-}
-
-// ---- SID bytes and the id mappings ----
-
-TEST(CredutlSid, UnixSidBytesAndConstants)
+TEST(CredutlSid, BytesConstantsAndIdMappings)
 {
     EXPECT_EQ(34u, sizeof(credutl_sid_t));
-    credutl_sid_t sid;
-    memset(&sid, 0xEE, sizeof sid);
-    credutl_unix_uid_to_sid(0x01020304u, &sid);
-    EXPECT_EQ("07 02 01 02 03 04 01", bytes_of(sid, 7));
-    credutl_unix_gid_to_sid(100, &sid);
-    EXPECT_EQ(bytes_of(sid_from({7, 2, 0, 0, 0, 0x64, 2})), bytes_of(sid)) << "built SIDs have a zero tail";
-    EXPECT_EQ(bytes_of(sid_from({2, 0})), bytes_of(CREDUTL_SID_NOBODY));
-    EXPECT_EQ(bytes_of(sid_from({2, 1})), bytes_of(CREDUTL_SID_DONTCARE));
+    EXPECT_EQ(hex(sid_from({7, 2, 1, 2, 3, 4, 1})), hex(unix_sid(0x01020304u, false))) << "zero tail";
+    EXPECT_EQ(hex(sid_from({7, 2, 0, 0, 0, 0x64, 2})), hex(unix_sid(100, true)));
+    EXPECT_EQ(hex(sid_from({2, 0})), hex(CREDUTL_SID_NOBODY));
+    EXPECT_EQ(hex(sid_from({2, 1})), hex(CREDUTL_SID_DONTCARE));
     EXPECT_EQ(0, keep_nobody_groups);
-}
-
-TEST(CredutlSid, NobodyAndDontcareIdsMapToSpecialSids)
-{
-    credutl_sid_t sid;
-    EXPECT_EQ(&sid, credutl_uid_to_sid(&sid, 0xFFFFFFFEu));
-    EXPECT_EQ("NOBODY", text_of(sid));
-    EXPECT_TRUE(credutl_sid_eq(&sid, &CREDUTL_SID_NOBODY));
-    credutl_gid_to_sid(&sid, 0xFFFFFFFFu);
-    EXPECT_EQ("DONTCARE", text_of(sid));
-    credutl_uid_to_sid(&sid, 1234);
-    EXPECT_EQ("UNIX:UID-1234", text_of(sid));
-    credutl_gid_to_sid(&sid, 0);
-    EXPECT_EQ("UNIX:GID-0", text_of(sid));
-    // The UNIX builders never map: -2 stays an id.
-    credutl_unix_uid_to_sid(0xFFFFFFFEu, &sid);
-    EXPECT_EQ("UNIX:UID--2", text_of(sid));
-
-    EXPECT_EQ(0xFFFFFFFEu, credutl_sid_to_uid(&CREDUTL_SID_NOBODY));
-    EXPECT_EQ(0xFFFFFFFFu, credutl_sid_to_gid(&CREDUTL_SID_DONTCARE));
-    credutl_unix_uid_to_sid(77, &sid);
-    EXPECT_EQ(77u, credutl_sid_to_uid(&sid));
-    EXPECT_EQ(0xFFFFFFFEu, credutl_sid_to_gid(&sid)) << "a uid SID is no gid";
-    EXPECT_EQ(77u, credutl_sid_to_unix_uid(&sid));
-    EXPECT_EQ(0xFFFFFFFEu, credutl_sid_to_unix_gid(&sid));
-    sid.length = 8;
-    EXPECT_EQ(0xFFFFFFFEu, credutl_sid_to_uid(&sid)) << "only length 7 is a UNIX id";
-    EXPECT_EQ(0xFFFFFFFEu, credutl_sid_to_unix_uid(&sid));
-    credutl_sid_t foreign = sid_from({7, 3, 0, 0, 0, 77, 1});
-    EXPECT_EQ(0xFFFFFFFEu, credutl_sid_to_uid(&foreign));
-}
-
-TEST(CredutlSidDeath, UnixIdOfANonUnixSidAborts)
-{
-    EXPECT_DEATH(credutl_sid_to_unix_uid(&CREDUTL_SID_NOBODY),
-                 assertion("sid_p->type == CREDUTL_SID_TYPE_UNIX", "credutl_kernel"));
-    credutl_sid_t foreign = sid_from({3, 3, 9});
-    EXPECT_DEATH(credutl_sid_to_unix_gid(&foreign),
-                 assertion("sid_p->type == CREDUTL_SID_TYPE_UNIX", "credutl_kernel"));
-}
-
-TEST(CredutlSidDeath, TextOfAUnixSidOfUnknownKindAborts)
-{
-    credutl_sid_t sid = sid_from({7, 2, 0, 0, 0, 1, 3});
-    EXPECT_DEATH(text_of(sid), assertion("type == CREDUTL_SID_UNIX_UID || type == CREDUTL_SID_UNIX_GID", "credutl"));
-}
-
-// ---- Text forms ----
-
-TEST(CredutlSidText, EveryFormParsesBackToTheSameBytes)
-{
-    credutl_sid_t sids[8];
-    sids[0] = CREDUTL_SID_NOBODY;
-    sids[1] = CREDUTL_SID_DONTCARE;
-    credutl_unix_uid_to_sid(0, &sids[2]);
-    credutl_unix_gid_to_sid(100, &sids[3]);
-    credutl_unix_uid_to_sid(0xFFFFFFFEu, &sids[4]);
-    credutl_unix_gid_to_sid(0x80000000u, &sids[5]);
-    sids[6] = sid_from({5, 3, 0x0a, 0x0b, 0x0c});
-    sids[7] = sid_from({2, 200});
-    const char *texts[] = {"NOBODY", "DONTCARE", "UNIX:UID-0", "UNIX:GID-100", "UNIX:UID--2",
-                           "UNIX:GID--2147483648", "SID:3.0a0b0c", "SID:-56."};
-    for (int i = 0; i < 8; i++) {
-        EXPECT_EQ(texts[i], text_of(sids[i]));
-        credutl_sid_t back;
-        memset(&back, 0x5A, sizeof back);
-        ASSERT_EQ(0, credutl_str_to_sid(texts[i], &back)) << texts[i];
-        EXPECT_EQ(bytes_of(sids[i]), bytes_of(back)) << texts[i];
+    // Only a UNIX SID of the right kind and length 7 gives its id (the
+    // mapping of ids to SIDs is checked with the conversions).
+    struct { credutl_sid_t sid; uint32_t uid, gid; } back[] = {
+        {CREDUTL_SID_NOBODY, NOBODY, NOBODY}, {CREDUTL_SID_DONTCARE, ANY, ANY}, {unix_sid(77, false), 77, NOBODY},
+        {unix_sid(77, true), NOBODY, 77}, {sid_from({8, 2, 0, 0, 0, 77, 1}), NOBODY, NOBODY},
+        {sid_from({7, 3, 0, 0, 0, 77, 1}), NOBODY, NOBODY}};
+    for (const auto &c : back) {
+        SCOPED_TRACE(hex(c.sid, 8));
+        EXPECT_EQ(c.uid, credutl_sid_to_uid(&c.sid));
+        EXPECT_EQ(c.gid, credutl_sid_to_gid(&c.sid));
+        if (c.sid.type == CREDUTL_SID_TYPE_UNIX) {
+            EXPECT_EQ(c.uid, credutl_sid_to_unix_uid(&c.sid));
+            EXPECT_EQ(c.gid, credutl_sid_to_unix_gid(&c.sid));
+        }
     }
 }
 
-TEST(CredutlSidText, RawFormOfEverySid)
+TEST(CredutlDeathTest, AssertionsAbortWithTheirTexts)
 {
-    EXPECT_EQ("SID:1.", raw_of(CREDUTL_SID_DONTCARE));
-    EXPECT_EQ("SID:0.", raw_of(CREDUTL_SID_NOBODY));
-    credutl_sid_t sid;
-    credutl_unix_gid_to_sid(100, &sid);
-    EXPECT_EQ("SID:2.0000006402", raw_of(sid));
-    // A UNIX SID of another length has no UNIX text.
-    sid = sid_from({8, 2, 0, 0, 0, 100, 2, 0xff});
-    EXPECT_EQ("SID:2.0000006402ff", text_of(sid));
-    sid = sid_from({4, 255, 0x80, 0x7f});
-    EXPECT_EQ("SID:-1.807f", text_of(sid));
-    // A length byte beyond the 34 bytes prints the 32 value bytes and no more.
-    sid = sid_from({200, 3}, 0xab);
-    std::string hex;
-    for (int i = 0; i < 32; i++)
-        hex += "ab";
-    EXPECT_EQ("SID:3." + hex, raw_of(sid));
+    const char *not_unix = "PFM_ASSERT:\\(sid_p->type == CREDUTL_SID_TYPE_UNIX\\) failed: 'credutl_kernel':";
+    EXPECT_DEATH(credutl_sid_to_unix_uid(&CREDUTL_SID_NOBODY), not_unix);
+    EXPECT_DEATH(credutl_sid_to_unix_gid(&CREDUTL_SID_DONTCARE), not_unix);
+    EXPECT_DEATH(text_of(sid_from({7, 2, 0, 0, 0, 1, 3})), "PFM_ASSERT:\\(type == CREDUTL_SID_UNIX_UID \\|\\| "
+                                                           "type == CREDUTL_SID_UNIX_GID\\) failed: 'credutl':");
+    credutl_gid_t gids[33] = {0};
+    credutl_credentials_t c;
+    EXPECT_DEATH(credutl_init_credentials(0, 0, 33, gids, &c),
+                 "PFM_ASSERT:\\(ngroup <= CREDUTL_NGROUPS_MAX\\) failed: 'credutl':");
 }
 
-TEST(CredutlSidText, RandomSidsSurviveTheRawForm)
+TEST(CredutlSidText, EveryFormAndRandomSidsRoundTrip)
 {
+    // A null raw form is the text itself.
+    struct { credutl_sid_t sid; const char *text, *raw; } cases[] = {
+        {CREDUTL_SID_NOBODY, "NOBODY", "SID:0."}, {CREDUTL_SID_DONTCARE, "DONTCARE", "SID:1."},
+        {unix_sid(0, false), "UNIX:UID-0", "SID:2.0000000001"},
+        {unix_sid(100, true), "UNIX:GID-100", "SID:2.0000006402"},
+        {unix_sid(NOBODY, false), "UNIX:UID--2", "SID:2.fffffffe01"},
+        {unix_sid(0x80000000u, true), "UNIX:GID--2147483648", "SID:2.8000000002"},
+        {sid_from({8, 2, 0, 0, 0, 100, 2, 0xff}), "SID:2.0000006402ff", nullptr},
+        {sid_from({5, 3, 0x0a, 0x0b, 0x0c}), "SID:3.0a0b0c", nullptr}, {sid_from({2, 200}), "SID:-56.", nullptr},
+        {sid_from({4, 255, 0x80, 0x7f}), "SID:-1.807f", nullptr}};
+    for (const auto &c : cases) {
+        const char *raw = c.raw != nullptr ? c.raw : c.text;
+        EXPECT_EQ(c.text, text_of(c.sid));
+        EXPECT_EQ(raw, text_of(c.sid, true));
+        for (const char *text : {c.text, raw}) {
+            credutl_sid_t back = sid_from({}, 0x5A);
+            EXPECT_EQ(0, credutl_str_to_sid(text, &back)) << text;
+            EXPECT_EQ(hex(c.sid), hex(back)) << text;
+        }
+    }
+    // A length byte beyond the buffer prints the 32 value bytes and no more.
+    EXPECT_EQ("SID:3." + std::string(64, 'a'), text_of(sid_from({200, 3}, 0xaa), true));
     std::mt19937 rng(20240611);
     for (int round = 0; round < 2000; round++) {
-        credutl_sid_t sid;
-        uint8_t *p = reinterpret_cast<uint8_t *>(&sid);
+        credutl_sid_t sid, back;
         for (size_t i = 0; i < sizeof sid; i++)
-            p[i] = static_cast<uint8_t>(rng());
+            reinterpret_cast<uint8_t *>(&sid)[i] = static_cast<uint8_t>(rng());
         sid.length = static_cast<uint8_t>(2 + rng() % 33);
-        std::string text = raw_of(sid);
-        credutl_sid_t back;
-        memset(&back, 0, sizeof back);
+        std::string text = text_of(sid, true);
         ASSERT_EQ(0, credutl_str_to_sid(text.c_str(), &back)) << text;
-        ASSERT_EQ(bytes_of(sid, sid.length), bytes_of(back, back.length)) << text;
-        ASSERT_TRUE(credutl_sid_eq(&sid, &back));
+        ASSERT_EQ(hex(sid, sid.length), hex(back, back.length)) << text;
     }
 }
 
-TEST(CredutlSidText, ParserIsExactAndCaseSensitive)
+TEST(CredutlSidText, ParserIsExactCaseSensitiveAndBounded)
 {
-    credutl_sid_t sid;
-    ASSERT_EQ(0, credutl_str_to_sid("UNIX:GID-100", &sid));
-    EXPECT_EQ("07 02 00 00 00 64 02", bytes_of(sid, 7));
-    EXPECT_EQ("UNIX:GID-100", text_of(sid));
-    // atoi reads the number and ignores what follows.
-    ASSERT_EQ(0, credutl_str_to_sid("UNIX:UID-12abc", &sid));
-    EXPECT_EQ("UNIX:UID-12", text_of(sid));
-    ASSERT_EQ(0, credutl_str_to_sid("SID:3.", &sid));
-    EXPECT_EQ("02 03", bytes_of(sid, 2));
-    // Hex is read two characters at a time until a pair fails.
-    ASSERT_EQ(0, credutl_str_to_sid("SID:3.0A0bzz11", &sid));
-    EXPECT_EQ("04 03 0a 0b", bytes_of(sid, 4));
-    ASSERT_EQ(0, credutl_str_to_sid("SID:3.abc", &sid));
-    EXPECT_EQ("04 03 ab 0c", bytes_of(sid, 4));
-    ASSERT_EQ(0, credutl_str_to_sid("SID:255.ff", &sid));
-    EXPECT_EQ("03 ff ff", bytes_of(sid, 3));
-
-    const char *bad[] = {"UNIX:XID-1", "UNIX:uid-1", "unix:UID-1", "SID:300.ab", "SID:256.", "SID:3",
-                         "sid:3.ab",   "nobody",     "NOBODY ",    "DontCare",   "",         "UNIX:",
-                         "UNIX:UID",   "SID",        " NOBODY"};
-    for (const char *text : bad) {
-        credutl_sid_t keep = sid_from({9, 9, 9, 9}, 0x77);
-        credutl_sid_t before = keep;
-        EXPECT_EQ(1, credutl_str_to_sid(text, &keep)) << "\"" << text << "\"";
-        EXPECT_EQ(bytes_of(before), bytes_of(keep)) << "\"" << text << "\"";
-    }
-}
-
-TEST(CredutlSidText, MoreThan32ValueBytesAreRefused)
-{
+    // Numbers are read by atoi, hex two characters at a time until a pair
+    // fails; 32 value bytes fill the SID exactly.
     std::string full = "SID:3.";
     for (int i = 0; i < 32; i++)
         full += "a5";
-    credutl_sid_t sid;
-    ASSERT_EQ(0, credutl_str_to_sid(full.c_str(), &sid));
-    EXPECT_EQ(34, sid.length);
-    EXPECT_EQ(0xa5, sid.value[31]);
-    EXPECT_EQ(full, raw_of(sid));
-
-    credutl_sid_t keep = sid_from({2, 1}, 0x11);
-    credutl_sid_t before = keep;
-    EXPECT_EQ(1, credutl_str_to_sid((full + "01").c_str(), &keep));
-    EXPECT_EQ(1, credutl_str_to_sid((full + "0").c_str(), &keep));
-    EXPECT_EQ(bytes_of(before), bytes_of(keep));
+    struct { std::string text, bytes; } good[] = {
+        {"UNIX:UID-12abc", "07020000000c01"}, {"SID:3.", "0203"}, {"SID:3.0A0bzz11", "04030a0b"},
+        {"SID:3.abc", "0403ab0c"}, {"SID:255.ff", "03ffff"}, {full, "2203" + full.substr(6)}};
+    for (const auto &c : good) {
+        credutl_sid_t sid;
+        EXPECT_EQ(0, credutl_str_to_sid(c.text.c_str(), &sid)) << c.text;
+        EXPECT_EQ(c.bytes, hex(sid, c.bytes.size() / 2)) << c.text;
+    }
+    // Everything else fails and leaves the caller's SID alone, also a text
+    // whose bytes would run past the 34.
+    for (const std::string &text : std::initializer_list<std::string>{
+             "UNIX:XID-1", "UNIX:uid-1", "unix:UID-1", "SID:300.ab", "SID:256.", "SID:3", "sid:3.ab", "nobody",
+             "NOBODY ", "DontCare", "", "UNIX:", "UNIX:UID", "SID", " NOBODY", full + "01", full + "0"}) {
+        credutl_sid_t keep = sid_from({9, 9, 9, 9}, 0x77);
+        EXPECT_EQ(1, credutl_str_to_sid(text.c_str(), &keep)) << "\"" << text << "\"";
+        EXPECT_EQ(hex(sid_from({9, 9, 9, 9}, 0x77)), hex(keep)) << "\"" << text << "\"";
+    }
 }
 
-// ---- Equality, hashing and ordering ----
-
-TEST(CredutlSidKeys, HashFollowsTheSignedByteRecurrence)
+TEST(CredutlSidKeys, HashKeyCompareAndEquality)
 {
-    EXPECT_EQ(0u, credutl_sid_hash_fn(&CREDUTL_SID_NOBODY));
-    EXPECT_EQ(1u, credutl_sid_hash_fn(&CREDUTL_SID_DONTCARE));
-    credutl_sid_t sid = sid_from({3, 9, 0x55});
-    EXPECT_EQ(0u, credutl_sid_hash_fn(&sid)) << "types beyond 3 hash to 0";
-    sid = sid_from({2, 3});
-    EXPECT_EQ(3u, credutl_sid_hash_fn(&sid));
-    // 0x80 counts as -128: 3 + ((3 << 7) ^ 0xFFFFFF80).
-    sid = sid_from({3, 3, 0x80});
-    EXPECT_EQ(0xFFFFFE03u, credutl_sid_hash_fn(&sid));
-    credutl_unix_uid_to_sid(1, &sid);
-    EXPECT_EQ(2726626692u, credutl_sid_hash_fn(&sid));
-    // Bytes past the length take no part.
-    credutl_sid_t a = sid_from({4, 3, 1, 2}, 0x00);
-    credutl_sid_t b = sid_from({4, 3, 1, 2}, 0xff);
-    EXPECT_EQ(credutl_sid_hash_fn(&a), credutl_sid_hash_fn(&b));
-    EXPECT_TRUE(credutl_sid_keycmp_fn(&a, &b));
-    EXPECT_TRUE(credutl_sid_eq(&a, &b));
+    // 0x80 counts as -128: 3 + ((3 << 7) ^ -128).
+    struct { credutl_sid_t sid; uint32_t hash; } hashes[] = {
+        {CREDUTL_SID_NOBODY, 0}, {CREDUTL_SID_DONTCARE, 1}, {sid_from({3, 9, 0x55}), 0}, {sid_from({2, 3}), 3},
+        {sid_from({3, 3, 0x80}), 0xFFFFFE03u}, {unix_sid(1, false), 2726626692u}};
+    for (const auto &c : hashes)
+        EXPECT_EQ(c.hash, credutl_sid_hash_fn(&c.sid)) << hex(c.sid, 7);
+    // Bytes past the length never count; every nobody SID is one key;
+    // unknown types are never keys.
+    struct { credutl_sid_t a, b; bool key, eq; } pairs[] = {
+        {sid_from({4, 3, 1, 2}), sid_from({4, 3, 1, 2}, 0xff), true, true},
+        {sid_from({2, 0}), sid_from({5, 0, 1, 2, 3}), true, false},
+        {sid_from({3, 7, 1}), sid_from({3, 7, 1}), false, true}, {unix_sid(5, false), unix_sid(5, true), false, false},
+        {CREDUTL_SID_NOBODY, CREDUTL_SID_DONTCARE, false, false},
+        {sid_from({4, 3, 1, 2}), sid_from({5, 3, 1, 2, 0}), false, false}};
+    for (const auto &c : pairs) {
+        SCOPED_TRACE(hex(c.a, 5) + " " + hex(c.b, 5));
+        EXPECT_EQ(c.key, credutl_sid_keycmp_fn(&c.a, &c.b) != 0);
+        EXPECT_EQ(c.eq, credutl_sid_eq(&c.a, &c.b) != 0);
+        EXPECT_TRUE(!c.key || credutl_sid_hash_fn(&c.a) == credutl_sid_hash_fn(&c.b));
+    }
 }
 
-TEST(CredutlSidKeys, KeyCompareAndEquality)
-{
-    credutl_sid_t n1 = sid_from({2, 0});
-    credutl_sid_t n2 = sid_from({5, 0, 1, 2, 3});
-    EXPECT_TRUE(credutl_sid_keycmp_fn(&n1, &n2)) << "every nobody SID is the same key";
-    EXPECT_FALSE(credutl_sid_eq(&n1, &n2));
-    credutl_sid_t d = sid_from({2, 1});
-    EXPECT_FALSE(credutl_sid_keycmp_fn(&n1, &d));
-    credutl_sid_t odd1 = sid_from({3, 7, 1});
-    credutl_sid_t odd2 = odd1;
-    EXPECT_FALSE(credutl_sid_keycmp_fn(&odd1, &odd2)) << "unknown types never match as keys";
-    EXPECT_TRUE(credutl_sid_eq(&odd1, &odd2));
-    EXPECT_TRUE(credutl_sid_eq(&odd1, &odd1));
-    credutl_sid_t u;
-    credutl_sid_t g;
-    credutl_unix_uid_to_sid(5, &u);
-    credutl_unix_gid_to_sid(5, &g);
-    EXPECT_FALSE(credutl_sid_keycmp_fn(&u, &g));
-    EXPECT_FALSE(credutl_sid_eq(&u, &g));
-    credutl_sid_t f1 = sid_from({4, 3, 1, 2});
-    credutl_sid_t f2 = sid_from({5, 3, 1, 2, 0});
-    EXPECT_FALSE(credutl_sid_keycmp_fn(&f1, &f2));
-}
+// ---- Records ----
 
-// ---- Normalisation ----
-
-TEST(CredutlNormalise, PrimaryDroppedSortedAndUnique)
+// Primary group dropped, sorted, duplicates removed, unused slots zero.
+TEST(CredutlNormalise, NumericAndSidRecords)
 {
     credutl_credentials_t c;
     memset(&c, 0xCC, sizeof c);
     credutl_gid_t gids[] = {7, 20, 0xFFFFFFF0u, 7, 20, 3, 20};
     credutl_init_credentials(1, 7, 7, gids, &c);
-    EXPECT_EQ(1u, c.uid);
-    EXPECT_EQ(7u, c.gid);
-    ASSERT_EQ(3, c.ngroups);
-    EXPECT_EQ(3u, c.groups[0]);
-    EXPECT_EQ(20u, c.groups[1]);
-    EXPECT_EQ(0xFFFFFFF0u, c.groups[2]) << "sorted as unsigned";
-    for (int i = 3; i < CREDUTL_NGROUPS_MAX; i++)
-        EXPECT_EQ(0u, c.groups[i]);
-
-    // The record's own groups may be normalised in place.
-    c = cred_of(0, 5, {9, 8, 9, 5, 1});
-    credutl_init_credentials(c.uid, c.gid, c.ngroups, c.groups, &c);
-    EXPECT_EQ("1 8 9", groups_of(c));
-
-    std::vector<credutl_gid_t> many;
-    for (int i = 32; i > 0; i--)
-        many.push_back(static_cast<credutl_gid_t>(i));
-    credutl_init_credentials(0, 100, 32, many.data(), &c);
-    EXPECT_EQ(32, c.ngroups);
-    EXPECT_EQ(1u, c.groups[0]);
-    EXPECT_EQ(32u, c.groups[31]);
-}
-
-TEST(CredutlNormaliseDeath, MoreThan32GroupsAbort)
-{
-    credutl_gid_t gids[33] = {0};
-    credutl_credentials_t c;
-    EXPECT_DEATH(credutl_init_credentials(0, 0, 33, gids, &c), assertion("ngroup <= CREDUTL_NGROUPS_MAX", "credutl"));
-}
-
-TEST(CredutlNormalise, SidRecordDropsSpecialAndPrimaryAndSorts)
-{
-    std::vector<credutl_sid_t> in(40);
-    credutl_sid_t usid;
-    credutl_sid_t gsid;
-    credutl_unix_uid_to_sid(10, &usid);
-    credutl_unix_gid_to_sid(10, &gsid);
-    credutl_unix_gid_to_sid(300, &in[0]);
-    in[1] = gsid;
-    in[2] = CREDUTL_SID_NOBODY;
-    in[3] = sid_from({2, 1});
-    in[4] = sid_from({3, 3, 0x10});
-    credutl_unix_gid_to_sid(2, &in[5]);
-    in[6] = sid_from({4, 3, 0x01, 0x02}, 0x99);
-    credutl_unix_gid_to_sid(300, &in[7]);
-    in[8] = sid_from({4, 3, 0x01, 0x01});
-    in[9] = sid_from({3, 3, 0x10}, 0x42); // equal to in[4] but for the tail
+    EXPECT_EQ("UID: 1 GID: 7 Groups: 3 20 -16 ", str(c)) << "sorted as unsigned";
+    EXPECT_EQ(CREDUTL_NGROUPS_MAX - 3, std::count(c.groups + 3, c.groups + CREDUTL_NGROUPS_MAX, 0u));
+    // The record's own groups may be normalised in place; 32 is not too many.
+    for (int i = 0; i < 32; i++)
+        c.groups[i] = static_cast<credutl_gid_t>(i < 5 ? 9 - i % 2 : 40 - i);
+    credutl_init_credentials(0, 8, 32, c.groups, &c);
+    std::string want = "UID: 0 GID: 8 Groups: ";
+    for (int g = 9; g <= 35; g++)
+        want += std::to_string(g) + " ";
+    EXPECT_EQ(want, str(c));
+    // The SID form also drops the special SIDs and sorts by type, length and bytes.
+    credutl_sid_t user = unix_sid(10, false), group = unix_sid(10, true);
+    credutl_sid_t in[40] = {unix_sid(300, true), group, CREDUTL_SID_NOBODY, sid_from({2, 1}), sid_from({3, 3, 0x10}),
+                            unix_sid(2, true), sid_from({4, 3, 1, 2}, 0x99), unix_sid(300, true),
+                            sid_from({4, 3, 1, 1}), sid_from({3, 3, 0x10}, 0x42)};
     credutl_sid_credentials_t sc;
     memset(&sc, 0xDD, sizeof sc);
-    credutl_init_sid_credentials(&usid, &gsid, 10, in.data(), &sc);
-    std::string got;
-    for (int i = 0; i < sc.ngroups; i++)
-        got += text_of(sc.groups[i]) + " ";
-    EXPECT_EQ("UNIX:GID-2 UNIX:GID-300 SID:3.10 SID:3.0101 SID:3.0102 ", got);
-    EXPECT_TRUE(credutl_sid_eq(&usid, &sc.user));
-    EXPECT_TRUE(credutl_sid_eq(&gsid, &sc.group));
-    credutl_sid_t zero;
-    memset(&zero, 0, sizeof zero);
-    EXPECT_EQ(bytes_of(zero), bytes_of(sc.groups[sc.ngroups]));
-
+    credutl_init_sid_credentials(&user, &group, 10, in, &sc);
+    EXPECT_EQ("UID: UNIX:UID-10 GID: UNIX:GID-10 Groups: UNIX:GID-2 UNIX:GID-300 SID:3.10 SID:3.0101 SID:3.0102 ",
+              str(sc));
+    EXPECT_EQ(hex(sid_from({})), hex(sc.groups[sc.ngroups]));
     // At most 32 are taken, in input order, before sorting.
     for (int i = 0; i < 40; i++)
-        credutl_unix_gid_to_sid(static_cast<credutl_gid_t>(1000 - i), &in[i]);
-    credutl_init_sid_credentials(&usid, &gsid, 40, in.data(), &sc);
+        in[i] = unix_sid(static_cast<credutl_gid_t>(1000 - i), true);
+    credutl_init_sid_credentials(&user, &group, 40, in, &sc);
     ASSERT_EQ(32, sc.ngroups);
-    EXPECT_EQ("UNIX:GID-969", text_of(sc.groups[0]));
-    EXPECT_EQ("UNIX:GID-1000", text_of(sc.groups[31]));
+    EXPECT_EQ("UNIX:GID-969 UNIX:GID-1000", text_of(sc.groups[0]) + " " + text_of(sc.groups[31]));
 }
 
-// ---- Membership ----
-
-TEST(CredutlMembership, GroupsAndUsers)
+TEST(CredutlMembership, GroupsAndUsersInEveryForm)
 {
     credutl_credentials_t c = cred_of(5, 50, {60, 70});
-    EXPECT_TRUE(credutl_has_group(50, &c));
-    EXPECT_TRUE(credutl_has_group(70, &c));
+    EXPECT_TRUE(credutl_has_group(50, &c) && credutl_has_group(70, &c));
     EXPECT_FALSE(credutl_has_group(0, &c)) << "unused slots are no groups";
     c.ngroups = 1;
     EXPECT_FALSE(credutl_has_group(70, &c));
-
+    // A foreign SID may name a group of the user, a UNIX group SID never
+    // names the user; the SID and the whole forms answer alike.
+    credutl_sid_t user = unix_sid(5, false), f1 = sid_from({4, 3, 0xab, 0xcd}), f2 = sid_from({3, 3, 1});
+    credutl_sid_t groups[2] = {unix_sid(60, true), f2};
     credutl_sid_credentials_t sc;
-    credutl_sid_t foreign = sid_from({4, 3, 0xab, 0xcd});
-    credutl_sid_t gsids[2];
-    credutl_unix_gid_to_sid(60, &gsids[0]);
-    gsids[1] = foreign;
-    credutl_sid_t usid;
-    credutl_sid_t gsid;
-    credutl_unix_uid_to_sid(5, &usid);
-    credutl_unix_gid_to_sid(50, &gsid);
-    credutl_init_sid_credentials(&usid, &gsid, 2, gsids, &sc);
-    EXPECT_TRUE(credutl_has_group_sid(&gsid, &sc));
-    EXPECT_TRUE(credutl_has_group_sid(&gsids[0], &sc));
-    EXPECT_TRUE(credutl_has_group_sid(&foreign, &sc));
-    EXPECT_FALSE(credutl_has_group_sid(&usid, &sc));
-    EXPECT_TRUE(credutl_has_user_sid(&usid, &sc));
-    EXPECT_FALSE(credutl_has_user_sid(&gsids[0], &sc)) << "a UNIX group SID never names the user";
-    EXPECT_FALSE(credutl_has_user_sid(&gsid, &sc));
-    EXPECT_TRUE(credutl_has_user_sid(&foreign, &sc)) << "a foreign SID may name a group of the user";
-    EXPECT_FALSE(credutl_has_user_sid(&CREDUTL_SID_NOBODY, &sc));
-
-    credutl_whole_credentials_t w;
-    w.user = usid;
-    w.group = foreign;
-    credutl_sid_t wg[2];
-    wg[0] = gsids[0];
-    credutl_unix_gid_to_sid(61, &wg[1]);
-    w.ngroups = 2;
-    w.groups = wg;
-    EXPECT_TRUE(credutl_has_group_whole(&wg[1], &w));
-    EXPECT_TRUE(credutl_has_group_whole(&foreign, &w));
-    EXPECT_FALSE(credutl_has_group_whole(&gsid, &w));
-    EXPECT_FALSE(credutl_has_user(&wg[0], &w));
-    EXPECT_TRUE(credutl_has_user(&foreign, &w));
-    EXPECT_TRUE(credutl_has_user(&usid, &w));
-    credutl_sid_t dc = CREDUTL_SID_DONTCARE;
-    w.user = dc;
-    EXPECT_FALSE(credutl_has_user(&dc, &w)) << "don't-care never matches, not even itself";
+    credutl_init_sid_credentials(&user, &f1, 2, groups, &sc);
+    credutl_whole_credentials_t w = {user, f1, 2, groups};
+    struct { credutl_sid_t sid; bool group, user; } probes[] = {
+        {user, false, true}, {groups[0], true, false}, {f1, true, true}, {f2, true, true},
+        {unix_sid(61, true), false, false}, {sid_from({3, 3, 2}), false, false}, {CREDUTL_SID_NOBODY, false, false}};
+    for (const auto &p : probes) {
+        SCOPED_TRACE(text_of(p.sid));
+        EXPECT_EQ(p.group, credutl_has_group_sid(&p.sid, &sc) != 0);
+        EXPECT_EQ(p.group, credutl_has_group_whole(&p.sid, &w) != 0);
+        EXPECT_EQ(p.user, credutl_has_user_sid(&p.sid, &sc) != 0);
+        EXPECT_EQ(p.user, credutl_has_user(&p.sid, &w) != 0);
+    }
+    sc.user = w.user = CREDUTL_SID_DONTCARE;
+    EXPECT_FALSE(credutl_has_user_sid(&sc.user, &sc) || credutl_has_user(&w.user, &w)) << "not even itself";
 }
 
-// ---- Conversions ----
-
-TEST(CredutlConvert, NumericAndSidForms)
+TEST(CredutlConvert, NumericAndSidFormsAndTheirTexts)
 {
-    credutl_credentials_t c = cred_of(0xFFFFFFFEu, 0xFFFFFFFFu, {4, 0xFFFFFFFEu, 0xFFFFFFFFu});
+    credutl_credentials_t c = cred_of(NOBODY, ANY, {4, NOBODY, ANY});
     credutl_sid_credentials_t sc;
     memset(&sc, 0x33, sizeof sc);
     credutl_credentials_to_sid_credentials(&c, &sc);
-    EXPECT_EQ("NOBODY", text_of(sc.user));
-    EXPECT_EQ("DONTCARE", text_of(sc.group));
-    ASSERT_EQ(3, sc.ngroups);
-    EXPECT_EQ("UNIX:GID-4", text_of(sc.groups[0]));
-    EXPECT_EQ("NOBODY", text_of(sc.groups[1]));
-    EXPECT_EQ("DONTCARE", text_of(sc.groups[2]));
-    credutl_sid_t zero;
-    memset(&zero, 0, sizeof zero);
-    EXPECT_EQ(bytes_of(zero), bytes_of(sc.groups[3]));
-
-    // Back: nobody groups (and anything that is no UNIX gid) are dropped,
-    // don't-care stays as -1.
+    char buf[CREDUTL_CREDENTIALS_STR_SIZE] = "cred: ";
+    EXPECT_EQ(buf, credutl_sid_credentials_to_str(&sc, buf));
+    EXPECT_STREQ("cred: UID: NOBODY GID: DONTCARE Groups: UNIX:GID-4 NOBODY DONTCARE ", buf) << "texts are appended";
+    EXPECT_EQ(hex(sid_from({})), hex(sc.groups[3]));
+    // Back: nobody groups (and anything that is no UNIX gid) are dropped
+    // unless keep_nobody_groups; don't-care stays as -1.
     sc.groups[3] = sid_from({3, 3, 1});
-    credutl_unix_uid_to_sid(9, &sc.groups[4]);
+    sc.groups[4] = unix_sid(9, false);
     sc.ngroups = 5;
-    credutl_credentials_t back;
-    memset(&back, 0x44, sizeof back);
-    credutl_sid_credentials_to_credentials(&sc, &back);
-    EXPECT_EQ(0xFFFFFFFEu, back.uid);
-    EXPECT_EQ(0xFFFFFFFFu, back.gid);
-    EXPECT_EQ("4 -1", groups_of(back));
-    EXPECT_EQ(0u, back.groups[2]);
-
+    memset(&c, 0x44, sizeof c);
+    credutl_sid_credentials_to_credentials(&sc, &c);
+    EXPECT_EQ(0u, c.groups[2]);
+    EXPECT_EQ("UID: -2 GID: -1 Groups: 4 -1 ", str(c));
     keep_nobody_groups = 1;
-    credutl_sid_credentials_to_credentials(&sc, &back);
+    credutl_sid_credentials_to_credentials(&sc, &c);
     keep_nobody_groups = 0;
-    EXPECT_EQ("4 -2 -1 -2 -2", groups_of(back));
+    EXPECT_EQ("UID: -2 GID: -1 Groups: 4 -2 -1 -2 -2 ", str(c));
+    c.ngroups = 0;
+    sc.ngroups = 0;
+    EXPECT_EQ("UID: -2 GID: -1 UID: NOBODY GID: DONTCARE ", str(c) + str(sc));
+    // 32 groups of the longest SID text fit the documented size.
+    std::fill(sc.groups, sc.groups + CREDUTL_NGROUPS_MAX, sid_from({34, 0x80}, 0xff));
+    sc.ngroups = CREDUTL_NGROUPS_MAX;
+    EXPECT_LT(str(sc).size(), sizeof buf);
 }
 
 TEST(CredutlConvert, CopyAndTheDeliberatelyPartialFree)
 {
-    credutl_string_credentials_t from;
-    memset(&from, 0, sizeof from);
-    from.user = strdup("example.com/alice");
-    from.group = strdup("staff");
-    from.ngroups = 2;
-    from.groups[0] = strdup("wheel");
-    from.groups[1] = strdup("dom\\users");
+    credutl_string_credentials_t from = {strdup("dom/alice"), strdup("staff"), 2, {strdup("w"), strdup("d\\u")}};
     credutl_string_credentials_t to;
     memset(&to, 0x55, sizeof to);
     ASSERT_EQ(0, credutl_copy_string_credentials(&from, &to));
-    EXPECT_STREQ("example.com/alice", to.user);
-    EXPECT_NE(from.user, to.user);
-    EXPECT_STREQ("staff", to.group);
-    ASSERT_EQ(2, to.ngroups);
-    EXPECT_STREQ("dom\\users", to.groups[1]);
-    EXPECT_EQ(nullptr, to.groups[2]);
-
+    EXPECT_TRUE(to.user != from.user && to.groups[1] != from.groups[1] && to.groups[2] == nullptr);
     char *stale_group = to.group;
-    credutl_free_string_credentials(&to);
+    EXPECT_EQ("dom/alice staff 2: w d\\u", names_of(&to));
     EXPECT_EQ(nullptr, to.user);
     EXPECT_EQ(stale_group, to.group) << "the group pointer is left as it was";
     EXPECT_EQ(2, to.ngroups);
     credutl_free_string_credentials(&from);
 }
 
-TEST(CredutlConvert, CredentialTexts)
-{
-    char buf[CREDUTL_CREDENTIALS_STR_SIZE];
-    strcpy(buf, "cred: ");
-    credutl_credentials_t c = cred_of(0, 0xFFFFFFFEu, {});
-    EXPECT_STREQ("cred: UID: 0 GID: -2 ", credutl_credentials_to_str(&c, buf)) << "the texts are appended";
-    c = cred_of(1, 2, {3, 40});
-    buf[0] = '\0';
-    EXPECT_EQ(buf, credutl_credentials_to_str(&c, buf));
-    EXPECT_STREQ("UID: 1 GID: 2 Groups: 3 40 ", buf);
-
-    credutl_sid_credentials_t sc;
-    credutl_credentials_to_sid_credentials(&c, &sc);
-    sc.groups[2] = sid_from({3, 3, 0xab});
-    sc.ngroups = 3;
-    buf[0] = '\0';
-    EXPECT_STREQ("UID: UNIX:UID-1 GID: UNIX:GID-2 Groups: UNIX:GID-3 UNIX:GID-40 SID:3.ab ",
-                 credutl_sid_credentials_to_str(&sc, buf));
-    sc.ngroups = 0;
-    buf[0] = '\0';
-    EXPECT_STREQ("UID: UNIX:UID-1 GID: UNIX:GID-2 ", credutl_sid_credentials_to_str(&sc, buf));
-
-    // 32 groups of the longest SID text fit the documented size.
-    for (int i = 0; i < CREDUTL_NGROUPS_MAX; i++) {
-        sc.groups[i] = sid_from({34, 0x80}, 0xff);
-    }
-    sc.ngroups = CREDUTL_NGROUPS_MAX;
-    buf[0] = '\0';
-    EXPECT_LT(strlen(credutl_sid_credentials_to_str(&sc, buf)), sizeof buf);
-}
-
 // ---- The process's own credentials ----
 
 TEST(CredutlProcess, ReadsTheCredentialsOfThisProcess)
 {
-    child_result r = run_in_child([]() {
+    child_result r = ks_test::run_in_child([]() {
         // The kernel hands the list back sorted; the whole form keeps its
         // duplicates and loses only the first copy of the primary group.
         gid_t list[] = {5, 4, 3, 4, 3};
-        if (setgroups(5, list) != 0 || setresgid(4, 4, 4) != 0 || setresuid(0, 1, 0) != 0)
-            return 2;
         credutl_credentials_t c;
-        if (credutl_get_credentials(&c) != 0)
-            return 3;
-        printf("num %u %u %s\n", c.uid, c.gid, groups_of(c).c_str());
-        credutl_sid_credentials_t sc;
-        if (credutl_get_sid_credentials(&sc) != 0)
-            return 4;
-        char buf[CREDUTL_CREDENTIALS_STR_SIZE] = "";
-        printf("sid %s\n", credutl_sid_credentials_to_str(&sc, buf));
+        credutl_sid_credentials_t sc, all = {};
         credutl_whole_credentials_t w;
-        if (credutl_get_whole_credentials(&w) != 0)
-            return 5;
-        printf("whole %s %s %d:", text_of(w.user).c_str(), text_of(w.group).c_str(), w.ngroups);
-        for (int i = 0; i < w.ngroups; i++)
-            printf(" %s", text_of(w.groups[i]).c_str());
-        printf("\n");
+        if (setgroups(5, list) != 0 || setresgid(4, 4, 4) != 0 || setresuid(0, 1, 0) != 0 ||
+            credutl_get_credentials(&c) != 0 || credutl_get_sid_credentials(&sc) != 0 ||
+            credutl_get_whole_credentials(&w) != 0)
+            return 2;
+        printf("%s\n%s\n", str(c).c_str(), str(sc).c_str());
+        credutl_sid_credentials_t whole = {w.user, w.group, w.ngroups, {}};
+        std::copy(w.groups, w.groups + w.ngroups, whole.groups);
         credutl_free_whole_credentials(&w);
-        printf("freed %d %p\n", w.ngroups, static_cast<void *>(w.groups));
-        credutl_sid_t sids[CREDUTL_NGROUPS_MAX];
-        int n = credutl_getgroups(1, sids);
-        printf("getgroups %d %d", credutl_getgroups(0, nullptr), n);
-        for (int i = 0; i < n; i++)
-            printf(" %s", text_of(sids[i]).c_str());
+        all.ngroups = credutl_getgroups(1, all.groups);
+        printf("%s\nfreed %d %p\n%d %s\n", str(whole).c_str(), w.ngroups, static_cast<void *>(w.groups),
+               credutl_getgroups(0, nullptr), str(all).c_str());
         credutl_sid_t *u = credutl_getusid();
-        credutl_sid_t *g = credutl_getgsid();
-        printf("\nids %s %s %d %d\n", text_of(*u).c_str(), text_of(*g).c_str(), credutl_is_root(),
+        printf("%s %s %d %d\n", text_of(*u).c_str(), text_of(*credutl_getgsid()).c_str(), credutl_is_root(),
                credutl_is_privileged());
+        // The SID buffer is rebuilt on every call.
         if (seteuid(0) != 0)
-            return 6;
-        printf("again %s %s %d\n", text_of(*credutl_getusid()).c_str(), u == credutl_getusid() ? "same" : "other",
-               credutl_is_root());
+            return 3;
+        printf("%s %d %d\n", text_of(*credutl_getusid()).c_str(), u == credutl_getusid(), credutl_is_root());
         return 0;
     });
     ASSERT_EQ(0, r.exit_code()) << r.out << r.err;
-    EXPECT_EQ("num 1 4 3 5\n"
-              "sid UID: UNIX:UID-1 GID: UNIX:GID-4 Groups: UNIX:GID-3 UNIX:GID-5 \n"
-              "whole UNIX:UID-1 UNIX:GID-4 4: UNIX:GID-3 UNIX:GID-3 UNIX:GID-4 UNIX:GID-5\n"
-              "freed 0 (nil)\n"
-              "getgroups 5 5 UNIX:GID-3 UNIX:GID-3 UNIX:GID-4 UNIX:GID-4 UNIX:GID-5\n"
-              "ids UNIX:UID-1 UNIX:GID-4 0 0\n"
-              "again UNIX:UID-0 same 1\n",
+    EXPECT_EQ("UID: 1 GID: 4 Groups: 3 5 \nUID: UNIX:UID-1 GID: UNIX:GID-4 Groups: UNIX:GID-3 UNIX:GID-5 \n"
+              "UID: UNIX:UID-1 GID: UNIX:GID-4 Groups: UNIX:GID-3 UNIX:GID-3 UNIX:GID-4 UNIX:GID-5 \nfreed 0 (nil)\n"
+              "5 UID: NOBODY GID: NOBODY Groups: UNIX:GID-3 UNIX:GID-3 UNIX:GID-4 UNIX:GID-4 UNIX:GID-5 \n"
+              "UNIX:UID-1 UNIX:GID-4 0 0\nUNIX:UID-0 1 1\n",
               r.out);
     EXPECT_EQ("", r.err);
 }
 
-TEST(CredutlProcess, SetCredentialsChangesEveryId)
+// Each case runs as root in a child whose only group is 0 (or, after giving
+// up privilege, as daemon); groups[i] is 40 - i.  The child prints the result
+// and ngroups, the real, effective and saved uids and gids, the number of
+// groups and the lowest-highest.  A failure stops at its step and prints
+// exactly one message.
+TEST(CredutlProcess, SettersChangeTheIdsOrReportTheFailingStep)
 {
-    child_result r = run_in_child([]() {
-        credutl_credentials_t c = cred_of(1, 2, {7, 6, 2});
-        int rc = credutl_set_credentials(&c);
-        printf("rc %d %s\n", rc, ids_line().c_str());
-        return 0;
-    });
-    ASSERT_EQ(0, r.exit_code()) << r.err;
-    EXPECT_EQ("rc 0 uid 1,1,1 gid 2,2,2 groups 2 6 7\n", r.out) << "the kernel keeps the list sorted";
-    EXPECT_EQ("", r.err);
-}
-
-TEST(CredutlProcess, SetEffectiveCredentialsClampsAndKeepsRealIds)
-{
-    child_result r = run_in_child([]() {
-        credutl_credentials_t c = cred_of(1, 2, {});
-        for (int i = 0; i < CREDUTL_NGROUPS_MAX; i++)
-            c.groups[i] = static_cast<credutl_gid_t>(100 + i);
-        c.ngroups = 40;
-        int rc = credutl_set_effective_credentials(&c);
-        std::string ids = ids_line();
-        printf("rc %d ngroups %d %s\n", rc, c.ngroups, ids.substr(0, ids.find(" groups")).c_str());
-        printf("count %d\n", getgroups(0, nullptr));
-        return 0;
-    });
-    ASSERT_EQ(0, r.exit_code()) << r.err;
-    EXPECT_EQ("rc 0 ngroups 32 uid 0,1,0 gid 0,2,0\ncount 32\n", r.out);
-}
-
-TEST(CredutlProcess, SetCredentialsDoesNotClamp)
-{
-    child_result r = run_in_child([]() {
-        credutl_credentials_t c = cred_of(1, 2, {3});
-        c.ngroups = 33;
-        int rc = credutl_set_credentials(&c);
-        std::string ids = ids_line();
-        printf("rc %d ngroups %d %s\n", rc, c.ngroups, ids.substr(0, ids.find(" groups")).c_str());
-        return 0;
-    });
-    ASSERT_EQ(0, r.exit_code()) << r.err;
-    EXPECT_EQ("rc 1 ngroups 33 uid 0,0,0 gid 0,0,0\n", r.out);
-    EXPECT_THAT(r.err, HasSubstr("setgroups failed: Invalid argument\n"));
-}
-
-TEST(CredutlProcess, SetgroupsRefusedAfterDroppingPrivilege)
-{
-    for (int effective = 0; effective < 2; effective++) {
-        child_result r = run_in_child([effective]() {
-            if (drop_to_daemon() != 0)
+    const char *einval = " failed: Invalid argument\n", *eperm = "setgroups failed: Operation not permitted\n";
+    struct { bool daemon, effective; uint32_t uid, gid; int ngroups; std::string out, err; } cases[] = {
+        {false, false, 1, 2, 3, "0 3 | 1,1,1 2,2,2 | 3 38-40", ""},
+        // Only the effective setter clamps, and it keeps the real ids.
+        {false, true, 1, 2, 40, "0 32 | 0,1,0 0,2,0 | 32 9-40", ""},
+        {false, false, 1, 2, 33, "1 33 | 0,0,0 0,0,0 | 1 0-0", std::string("setgroups") + einval},
+        {true, false, 0, 0, 0, "1 0 | 1,1,1 1,1,1 | 1 1-1", eperm},
+        {true, true, 0, 0, 0, "1 0 | 1,1,1 1,1,1 | 1 1-1", eperm},
+        {false, false, 1, ANY, 0, "1 0 | 0,0,0 0,0,0 | 0 0-0", std::string("setgid -1") + einval},
+        {false, true, 1, ANY, 0, "1 0 | 0,0,0 0,0,0 | 0 0-0", std::string("setgid -1") + einval},
+        {false, false, ANY, 3, 1, "1 1 | 0,0,0 3,3,3 | 1 40-40", std::string("setuid -1") + einval},
+        {false, true, ANY, 3, 0, "1 0 | 0,0,0 0,3,0 | 0 0-0", std::string("setuid -1") + einval}};
+    for (const auto &c : cases) {
+        child_result r = ks_test::run_in_child([&]() {
+            gid_t g = c.daemon ? 1 : 0, u[3], e[3], list[64];
+            if (setgroups(1, &g) != 0 || setresgid(g, g, g) != 0 || setresuid(g, g, g) != 0)
                 return 2;
-            credutl_credentials_t c = cred_of(0, 0, {});
-            int rc = effective ? credutl_set_effective_credentials(&c) : credutl_set_credentials(&c);
-            printf("rc %d %s\n", rc, ids_line().c_str());
+            credutl_credentials_t cred = cred_of(c.uid, c.gid, {});
+            for (int i = 0; i < CREDUTL_NGROUPS_MAX; i++)
+                cred.groups[i] = static_cast<credutl_gid_t>(40 - i);
+            cred.ngroups = c.ngroups;
+            int rc = c.effective ? credutl_set_effective_credentials(&cred) : credutl_set_credentials(&cred);
+            getresuid(&u[0], &u[1], &u[2]);
+            getresgid(&e[0], &e[1], &e[2]);
+            int n = getgroups(64, list);
+            printf("%d %d | %u,%u,%u %u,%u,%u | %d %u-%u", rc, cred.ngroups, u[0], u[1], u[2], e[0], e[1], e[2], n,
+                   n > 0 ? list[0] : 0, n > 0 ? list[n - 1] : 0);
             return 0;
         });
-        ASSERT_EQ(0, r.exit_code()) << r.out << r.err;
-        EXPECT_EQ("rc 1 uid 1,1,1 gid 1,1,1 groups 1\n", r.out);
-        EXPECT_THAT(r.err, HasSubstr("setgroups failed: Operation not permitted\n"));
-        EXPECT_THAT(r.err, ::testing::Not(HasSubstr("setgid")));
+        SCOPED_TRACE(c.out);
+        ASSERT_EQ(0, r.exit_code()) << r.err;
+        EXPECT_EQ(c.out, r.out);
+        EXPECT_THAT(r.err, ::testing::HasSubstr(c.err));
+        EXPECT_EQ(c.err.empty() ? 0 : 1, std::count(r.err.begin(), r.err.end(), '\n')) << r.err;
     }
-}
-
-TEST(CredutlProcess, SetgidAndSetuidFailuresNameTheId)
-{
-    child_result r = run_in_child([]() {
-        credutl_credentials_t c = cred_of(1, 0xFFFFFFFFu, {});
-        printf("gid %d\n", credutl_set_credentials(&c));
-        printf("egid %d\n", credutl_set_effective_credentials(&c));
-        c = cred_of(0xFFFFFFFFu, 3, {});
-        printf("uid %d\n", credutl_set_effective_credentials(&c));
-        // Without CAP_SETUID only the last step fails.
-        if (drop_capability(CAP_SETUID) != 0)
-            return 2;
-        c = cred_of(1, 3, {4});
-        int rc = credutl_set_credentials(&c);
-        printf("eperm %d %s\n", rc, ids_line().c_str());
-        return 0;
-    });
-    ASSERT_EQ(0, r.exit_code()) << r.out << r.err;
-    EXPECT_EQ("gid 1\negid 1\nuid 1\neperm 1 uid 0,0,0 gid 3,3,3 groups 4\n", r.out);
-    EXPECT_THAT(r.err, HasSubstr("setgid -1 failed: Invalid argument\n"));
-    EXPECT_THAT(r.err, HasSubstr("setuid -1 failed: Invalid argument\n"));
-    EXPECT_THAT(r.err, HasSubstr("setuid 1 failed: Operation not permitted\n"));
 }
 
 // ---- Names ----
 
-TEST(CredutlNames, CrackFqName)
+TEST(CredutlNames, CrackSplitsAtTheFirstSeparatorAndTruncates)
 {
-    char dom[16];
-    char name[16];
-    credutl_crack_fq_name("example.com/alice", dom, sizeof dom, name, sizeof name);
-    EXPECT_STREQ("example.com", dom);
-    EXPECT_STREQ("alice", name);
-    credutl_crack_fq_name("DOM\\bob/x", dom, sizeof dom, name, sizeof name);
-    EXPECT_STREQ("DOM", dom);
-    EXPECT_STREQ("bob/x", name);
-    credutl_crack_fq_name("carol", dom, sizeof dom, name, sizeof name);
-    EXPECT_STREQ("<unknown>", dom);
-    EXPECT_STREQ("carol", name);
-    credutl_crack_fq_name("dom/", dom, sizeof dom, name, sizeof name);
-    EXPECT_STREQ("dom", dom);
-    EXPECT_STREQ("", name);
-    credutl_crack_fq_name("a-very-long-domain-name/a-very-long-user-name", dom, 8, name, 6);
-    EXPECT_STREQ("a-very-", dom);
-    EXPECT_STREQ("a-ver", name);
-    credutl_crack_fq_name("/x", dom, sizeof dom, name, sizeof name);
-    EXPECT_STREQ("", dom);
-    EXPECT_STREQ("x", name);
-    credutl_crack_fq_name(nullptr, dom, sizeof dom, name, sizeof name);
-    EXPECT_STREQ("<unknown>", dom);
-    EXPECT_STREQ("", name);
-}
-
-TEST(CredutlNames, DoubleByteCharacterHidesABackslash)
-{
+    struct { const char *fq; size_t dsize, nsize; const char *dom, *name; } cases[] = {
+        {"example.com/alice", 16, 16, "example.com", "alice"}, {"DOM\\bob/x", 16, 16, "DOM", "bob/x"},
+        {"carol", 16, 16, "<unknown>", "carol"}, {"dom/", 16, 16, "dom", ""}, {"/x", 16, 16, "", "x"},
+        {nullptr, 16, 16, "<unknown>", ""}, {"a-very-long-domain-name/a-very-long-user-name", 8, 6, "a-very-", "a-ver"},
+        {"\x95\x5c" "dom/alice", 16, 16, "\x95", "dom/alice"}};
+    char dom[16], name[16];
+    for (const auto &c : cases) {
+        credutl_crack_fq_name(c.fq, dom, c.dsize, name, c.nsize);
+        EXPECT_EQ(std::string(c.dom) + "|" + c.name, std::string(dom) + "|" + name) << (c.fq ? c.fq : "(null)");
+    }
     // In Shift_JIS 0x95 0x5C is one character whose second byte is "\".
-    const char text[] = "\x95\x5c" "dom/alice";
-    char dom[16];
-    char name[16];
-    credutl_crack_fq_name(text, dom, sizeof dom, name, sizeof name);
-    EXPECT_STREQ("dom/alice", name) << "in the C locale 0x5C is a separator";
     if (setlocale(LC_ALL, "ja_JP.SJIS") == nullptr)
         GTEST_SKIP() << "the Shift_JIS test locale is not installed (LOCPATH)";
-    credutl_crack_fq_name(text, dom, sizeof dom, name, sizeof name);
-    EXPECT_STREQ("\x95\x5c" "dom", dom);
-    EXPECT_STREQ("alice", name);
-    setlocale(LC_ALL, "C");
+    credutl_crack_fq_name("\x95\x5c" "dom/alice", dom, sizeof dom, name, sizeof name);
+    EXPECT_EQ("\x95\x5c" "dom|alice", std::string(dom) + "|" + name);
 }
 
 TEST(CredutlNames, StringEqComparesNamePartsOnly)
 {
-    const char *s = "dom/x";
-    EXPECT_TRUE(credutl_string_eq(s, s));
-    EXPECT_TRUE(credutl_string_eq("Alice", "aLICE"));
-    EXPECT_TRUE(credutl_string_eq("dom1/alice", "DOM2\\Alice"));
-    EXPECT_TRUE(credutl_string_eq("alice", "other/ALICE"));
-    EXPECT_FALSE(credutl_string_eq("dom/alice", "dom/alicia"));
-    EXPECT_FALSE(credutl_string_eq("dom/alice", "alice/dom"));
     // Null stands for the login name of this process (root).
-    EXPECT_TRUE(credutl_string_eq(nullptr, "somewhere/ROOT"));
-    EXPECT_TRUE(credutl_string_eq("root", nullptr));
-    EXPECT_TRUE(credutl_string_eq(nullptr, nullptr));
-    EXPECT_FALSE(credutl_string_eq(nullptr, "daemon"));
+    struct { const char *a, *b; bool eq; } cases[] = {
+        {"Alice", "aLICE", true}, {"dom1/alice", "DOM2\\Alice", true}, {"alice", "other/ALICE", true},
+        {"dom/alice", "dom/alicia", false}, {"dom/alice", "alice/dom", false}, {nullptr, "somewhere/ROOT", true},
+        {"root", nullptr, true}, {nullptr, nullptr, true}, {nullptr, "daemon", false}};
+    for (const auto &c : cases)
+        EXPECT_EQ(c.eq, credutl_string_eq(c.a, c.b) != 0) << (c.a ? c.a : "(null)") << " " << (c.b ? c.b : "(null)");
 }
 
-TEST(CredutlLookup, RealEntriesOnAHostWithoutDomain)
+// Printed: the domain, root's stored name, then which qualified names are
+// found as user and as group.  The domain must match in length and but for
+// case.
+TEST(CredutlLookup, DomainComesFromTheHostNameOrTheSystemDomain)
 {
-    child_result r = in_namespaces(CLONE_NEWUTS, []() {
-        if (set_host("box", "(none)") != 0)
-            return 2;
-        printf("domain %s\n", credutl_get_domain());
-        print_pw(credutl_getpwnam("root"));
-        credutl_passwd_sid_t *a = credutl_getpwuid(1);
-        print_pw(a);
-        credutl_passwd_sid_t *b = credutl_getpwnam("nobody");
-        print_pw(b);
-        printf("same record %d\n", a == b);
-        credutl_sid_t sid;
-        credutl_unix_uid_to_sid(0, &sid);
-        print_pw(credutl_getpwsid(&sid));
-        print_gr(credutl_getgrsid(&sid));
-        credutl_unix_gid_to_sid(1, &sid);
-        print_gr(credutl_getgrsid(&sid));
-        print_pw(credutl_getpwsid(&sid));
-        print_pw(credutl_getpwsid(&CREDUTL_SID_NOBODY));
-        print_gr(credutl_getgrsid(&CREDUTL_SID_DONTCARE));
-        sid.length = 8;
-        print_gr(credutl_getgrsid(&sid));
-        print_gr(credutl_getgrnam("root"));
-        print_gr(credutl_getgrgid(65534));
-        print_pw(credutl_getpwnam("no-such-user-here"));
-        print_gr(credutl_getgrnam("no-such-group-here"));
-        // Without a domain here no qualified name can be ours.
-        print_pw(credutl_getpwnam("box/root"));
-        return 0;
-    });
-    SKIP_IF_REFUSED(r);
-    ASSERT_EQ(0, r.exit_code()) << r.out << r.err;
-    EXPECT_EQ("domain <unknown>\n"
-              "root 0 UNIX:UID-0 | root 0 UNIX:GID-0 | <credutl_fq_passwd unknown> | /root\n"
-              "daemon 1 UNIX:UID-1 | daemon 1 UNIX:GID-1 | <credutl_fq_passwd unknown> | /usr/sbin\n"
-              "nobody 65534 UNIX:UID-65534 | nogroup 65534 UNIX:GID-65534 | <credutl_fq_passwd unknown> | "
-              "/nonexistent\n"
-              "same record 1\n"
-              "root 0 UNIX:UID-0 | root 0 UNIX:GID-0 | <credutl_fq_passwd unknown> | /root\n"
-              "null\n"
-              "daemon 1 UNIX:GID-1\n"
-              "null\nnull\nnull\nnull\n"
-              "root 0 UNIX:GID-0\n"
-              "nogroup 65534 UNIX:GID-65534\n"
-              "null\nnull\nnull\n",
-              r.out);
-}
-
-TEST(CredutlLookup, QualifiedNamesAgainstTheHostDomain)
-{
-    child_result r = in_namespaces(CLONE_NEWUTS, []() {
-        if (set_host("box.Example.COM", "nis.invalid") != 0)
-            return 2;
-        printf("domain %s\n", credutl_get_domain());
-        print_pw(credutl_getpwnam("root"));
-        print_pw(credutl_getpwnam("example.com/daemon"));
-        print_pw(credutl_getpwnam("EXAMPLE.com\\daemon"));
-        print_pw(credutl_getpwnam("example.co/daemon"));
-        print_pw(credutl_getpwnam("example.comm/daemon"));
-        print_pw(credutl_getpwnam("nis.invalid/daemon"));
-        print_gr(credutl_getgrnam("Example.Com/daemon"));
-        print_gr(credutl_getgrnam("xample.com/daemon"));
-        print_gr(credutl_getgrgid(0));
-        return 0;
-    });
-    SKIP_IF_REFUSED(r);
-    ASSERT_EQ(0, r.exit_code()) << r.out << r.err;
-    EXPECT_EQ("domain Example.COM\n"
-              "Example.COM/root 0 UNIX:UID-0 | Example.COM/root 0 UNIX:GID-0 | <credutl_fq_passwd unknown> | /root\n"
-              "Example.COM/daemon 1 UNIX:UID-1 | Example.COM/daemon 1 UNIX:GID-1 | <credutl_fq_passwd unknown> | "
-              "/usr/sbin\n"
-              "Example.COM/daemon 1 UNIX:UID-1 | Example.COM/daemon 1 UNIX:GID-1 | <credutl_fq_passwd unknown> | "
-              "/usr/sbin\n"
-              "null\nnull\nnull\n"
-              "Example.COM/daemon 1 UNIX:GID-1\n"
-              "null\n"
-              "Example.COM/root 0 UNIX:GID-0\n",
-              r.out);
-}
-
-TEST(CredutlLookup, SystemDomainNameWhenTheHostNameIsPlain)
-{
-    child_result r = in_namespaces(CLONE_NEWUTS, []() {
-        if (set_host("box", "corp.example") != 0)
-            return 2;
-        printf("domain %s\n", credutl_get_domain());
-        print_gr(credutl_getgrnam("CORP.EXAMPLE/root"));
-        return 0;
-    });
-    SKIP_IF_REFUSED(r);
-    ASSERT_EQ(0, r.exit_code()) << r.out << r.err;
-    EXPECT_EQ("domain corp.example\ncorp.example/root 0 UNIX:GID-0\n", r.out);
+    struct { const char *host, *domain, *out; } cases[] = {
+        {"box", "(none)", "<unknown> root 00 00 00 00 00 00 00\n"},
+        {"box", "", "<unknown> root 00 00 00 00 00 00 00\n"},
+        {"box", "corp.example", "corp.example corp.example/root 11 00 00 00 00 00 00\n"},
+        {"box.Example.COM", "nis.invalid", "Example.COM Example.COM/root 00 11 11 00 00 00 00\n"}};
+    for (const auto &c : cases) {
+        child_result r = in_host(c.host, c.domain, []() {
+            printf("%s %s", credutl_get_domain(), credutl_getpwnam("root")->user.name);
+            for (const char *n : {"CORP.EXAMPLE/root", "example.com/daemon", "EXAMPLE.com\\daemon", "example.co/daemon",
+                                  "example.comm/daemon", "nis.invalid/daemon", "xample.com/daemon"})
+                printf(" %d%d", credutl_getpwnam(n) != nullptr, credutl_getgrnam(n) != nullptr);
+            printf("\n");
+            return 0;
+        });
+        SKIP_IF_REFUSED(r);
+        ASSERT_EQ(0, r.exit_code()) << r.out << r.err;
+        EXPECT_EQ(c.out, r.out) << c.host << " " << c.domain;
+    }
 }
 
 TEST(CredutlLookup, StringCredentialsBothWays)
 {
-    child_result r = in_namespaces(CLONE_NEWUTS, []() {
-        if (set_host("box.example.com", "") != 0)
-            return 2;
-        credutl_credentials_t c = cred_of(0, 1, {65534, 0xFFFFFFFEu, 3999999, 0});
+    child_result r = in_host("box.example.com", "", []() {
         credutl_string_credentials_t s;
-        if (credutl_credentials_to_string_credentials(&c, &s) != 0)
-            return 3;
-        printf("%s %s %d:", s.user, s.group, s.ngroups);
-        for (int i = 0; i < s.ngroups; i++)
-            printf(" %s", s.groups[i]);
-        printf("\n");
-        credutl_free_string_credentials(&s);
-
-        c = cred_of(3999999, 0xFFFFFFFEu, {});
-        if (credutl_credentials_to_string_credentials(&c, &s) != 0)
-            return 4;
-        printf("%s %s %d\n", s.user, s.group, s.ngroups);
-        credutl_free_string_credentials(&s);
-
+        credutl_credentials_t c = cred_of(0, 1, {65534, NOBODY, 3999999, 0});
         credutl_sid_credentials_t sc;
         credutl_credentials_to_sid_credentials(&c, &sc);
-        sc.groups[0] = sid_from({3, 3, 1});
-        credutl_unix_gid_to_sid(1, &sc.groups[1]);
-        sc.ngroups = 2;
-        if (credutl_sid_credentials_to_string_credentials(&sc, &s) != 0)
-            return 5;
-        printf("%s %s %d %s\n", s.user, s.group, s.ngroups, s.groups[0]);
-        credutl_free_string_credentials(&s);
-
-        credutl_string_credentials_t in;
-        memset(&in, 0, sizeof in);
-        in.user = const_cast<char *>("EXAMPLE.COM/daemon");
-        in.group = const_cast<char *>("");
-        in.ngroups = 5;
-        in.groups[0] = const_cast<char *>("root");
-        in.groups[1] = const_cast<char *>("example.org/root");
-        in.groups[2] = const_cast<char *>("no-such-group-here");
-        in.groups[3] = const_cast<char *>("example.com\\nogroup");
-        in.groups[4] = const_cast<char *>("daemon");
-        credutl_credentials_t back;
-        credutl_string_credentials_to_credentials(&in, &back);
-        printf("%d %d %s\n", static_cast<int>(back.uid), static_cast<int>(back.gid), groups_of(back).c_str());
+        sc.user = unix_sid(3999999, false);
+        sc.group = CREDUTL_SID_NOBODY;
+        sc.groups[3] = sid_from({3, 3, 1});
+        printf("%s\n", credutl_credentials_to_string_credentials(&c, &s) ? "failed" : names_of(&s).c_str());
+        printf("%s\n", credutl_sid_credentials_to_string_credentials(&sc, &s) ? "failed" : names_of(&s).c_str());
+        // Back: only the host's own domain (in any case) and known names count.
+        char names[][24] = {"EXAMPLE.COM/daemon", "", "root", "example.org/root", "no-such-group",
+                            "example.com\\nogroup", "daemon"};
+        credutl_string_credentials_t in = {names[0], names[1], 5, {names[2], names[3], names[4], names[5], names[6]}};
+        credutl_string_credentials_to_credentials(&in, &c);
         credutl_string_credentials_to_sid_credentials(&in, &sc);
-        char buf[CREDUTL_CREDENTIALS_STR_SIZE] = "";
-        printf("%s\n", credutl_sid_credentials_to_str(&sc, buf));
+        printf("%s\n%s\n", str(c).c_str(), str(sc).c_str());
         return 0;
     });
     SKIP_IF_REFUSED(r);
     ASSERT_EQ(0, r.exit_code()) << r.out << r.err;
     EXPECT_EQ("example.com/root example.com/daemon 4: example.com/nogroup nobody nobody example.com/root\n"
-              "nobody nobody 0\n"
-              "nobody nobody 1 example.com/daemon\n"
-              "1 -2 0 -2 -2 65534 1\n"
+              "nobody nobody 2: example.com/nogroup nobody\nUID: 1 GID: -2 Groups: 0 -2 -2 65534 1 \n"
               "UID: UNIX:UID-1 GID: NOBODY Groups: UNIX:GID-0 NOBODY NOBODY UNIX:GID-65534 UNIX:GID-1 \n",
               r.out);
 }
 
 // Test users and groups exist only in the child's mount namespace, where
-// copies of /etc/passwd and /etc/group are bound over the real ones.
-TEST(CredutlLookup, TestUsersInAPrivateMountNamespace)
+// copies of /etc/passwd and /etc/group are bound over the real ones; root,
+// daemon and nobody are the machine's own.
+TEST(CredutlLookup, RealAndTestEntriesByNameIdAndSid)
 {
     ks_test::temp_dir dir;
-    std::string home(1100, 'h');
-    home[0] = '/';
     ks_test::write_file(dir.file("passwd"), ks_test::read_file("/etc/passwd") +
-                                                 "ksalice:x:4242:4343:Alice:/home/ksalice:/bin/sh\n"
-                                                 "ksorphan:x:4244:4999::" + home + ":/bin/sh\n");
+                                                "ksalice:x:4242:4343:Alice:/home/ksalice:/bin/sh\n"
+                                                "ksorphan:x:4244:4999::/" + std::string(1099, 'h') + ":/bin/sh\n");
     ks_test::write_file(dir.file("group"), ks_test::read_file("/etc/group") + "ksgroup:x:4343:ksalice\n");
-    child_result r = in_namespaces(CLONE_NEWNS | CLONE_NEWUTS, [&]() {
-        if (set_host("host.lab.test", "") != 0)
-            return 2;
+    child_result r = in_host("host.lab.test", "", [&]() {
         if (mount(dir.file("passwd").c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) != 0 ||
-            mount(dir.file("group").c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0) {
-            printf("bind mount failed: %s\n", strerror(errno));
+            mount(dir.file("group").c_str(), "/etc/group", nullptr, MS_BIND, nullptr) != 0)
             return 3;
-        }
-        print_pw(credutl_getpwnam("lab.test/ksalice"));
-        credutl_passwd_sid_t *pw = credutl_getpwnam("ksorphan");
-        if (pw == nullptr)
-            return 4;
+        credutl_sid_t u0 = unix_sid(0, false), g1 = unix_sid(1, true), g1_long = sid_from({8, 2, 0, 0, 0, 1, 2});
+        credutl_passwd_sid_t *pw = credutl_getpwuid(1);
+        print_pw(pw);
+        print_pw(credutl_getpwnam("nobody"));
+        print_pw(credutl_getpwsid(&u0));
+        print_pw(credutl_getpwnam("LAB.test\\ksalice"));
+        // The record is reused; a gid without a group has an empty name.
+        printf("same %d ", pw == credutl_getpwnam("ksorphan"));
         printf("%s %u [%s] %zu\n", pw->user.name, pw->group.gid, pw->group.name, strlen(pw->home));
-        print_gr(credutl_getgrnam("LAB.TEST/ksgroup"));
-        credutl_string_credentials_t s;
-        credutl_credentials_t c = cred_of(4242, 4343, {4999, 4343});
-        if (credutl_credentials_to_string_credentials(&c, &s) != 0)
-            return 5;
-        printf("%s %s %s %s\n", s.user, s.group, s.groups[0], s.groups[1]);
-        credutl_free_string_credentials(&s);
+        print_gr(credutl_getgrsid(&g1));
+        print_gr(credutl_getgrnam("lab.test/ksgroup"));
+        print_gr(credutl_getgrgid(65534));
+        // Wrong kind, special, over-long or unknown: no entry.
+        printf("%d%d%d%d%d%d%d\n", !credutl_getgrsid(&u0), !credutl_getpwsid(&g1),
+               !credutl_getpwsid(&CREDUTL_SID_NOBODY), !credutl_getgrsid(&CREDUTL_SID_DONTCARE),
+               !credutl_getgrsid(&g1_long), !credutl_getpwnam("no-such-user"), !credutl_getgrnam("no-such-group"));
         return 0;
-    });
+    }, CLONE_NEWNS);
     SKIP_IF_REFUSED(r);
     ASSERT_EQ(0, r.exit_code()) << r.out << r.err;
-    EXPECT_EQ("lab.test/ksalice 4242 UNIX:UID-4242 | lab.test/ksgroup 4343 UNIX:GID-4343 | "
-              "<credutl_fq_passwd unknown> | /home/ksalice\n"
-              "lab.test/ksorphan 4999 [] 1023\n"
-              "lab.test/ksgroup 4343 UNIX:GID-4343\n"
-              "lab.test/ksalice lab.test/ksgroup nobody lab.test/ksgroup\n",
+    const char *unknown = " | <credutl_fq_passwd unknown> | ";
+    EXPECT_EQ(std::string("lab.test/daemon 1 UNIX:UID-1 | lab.test/daemon 1 UNIX:GID-1") + unknown + "/usr/sbin\n" +
+                  "lab.test/nobody 65534 UNIX:UID-65534 | lab.test/nogroup 65534 UNIX:GID-65534" + unknown +
+                  "/nonexistent\nlab.test/root 0 UNIX:UID-0 | lab.test/root 0 UNIX:GID-0" + unknown + "/root\n" +
+                  "lab.test/ksalice 4242 UNIX:UID-4242 | lab.test/ksgroup 4343 UNIX:GID-4343" + unknown +
+                  "/home/ksalice\nsame 1 lab.test/ksorphan 4999 [] 1023\nlab.test/daemon 1 UNIX:GID-1\n"
+                  "lab.test/ksgroup 4343 UNIX:GID-4343\nlab.test/nogroup 65534 UNIX:GID-65534\n1111111\n",
               r.out);
-    // The machine's own files never saw the test entries.
-    EXPECT_EQ(nullptr, getpwnam("ksalice"));
+    EXPECT_EQ(nullptr, getpwnam("ksalice")) << "the machine's own files never saw the test entries";
 }
 
 } // namespace

@@ -173,9 +173,7 @@ TEST(StrutlExpand, ReferencesAndEscapes)
 
 TEST(StrutlExpand, IteratePassesAndErrors)
 {
-    setenv("A", "$B", 1);
     setenv("B", "x", 1);
-    EXPECT_EQ(expand("$A"), "$B");
     // "<$A>" needs two expanding passes: max 0 (8) and 2 succeed, 1 fails;
     // "plain" needs none, but a negative max is refused; "$A" as itself
     // never ends.
@@ -210,8 +208,7 @@ void unwind_handler(int) { pfm_raise(55); }
 __attribute__((noinline)) int expand_until_unwound(const char *text, bool iterate)
 {
     static pfm_cleanup_t rec;
-    static struct itimerval it = {{0, 2000}, {0, 2000}};
-    static struct itimerval off = {{0, 0}, {0, 0}};
+    static struct itimerval it = {{0, 2000}, {0, 2000}}, off = {{0, 0}, {0, 0}};
     if (PFM_CLEANUP_START(&rec, 0) == 0) {
         setitimer(ITIMER_REAL, &it, nullptr);
         for (;;) {
@@ -254,22 +251,17 @@ TEST(StrutlExpand, ReleasesEverythingOnEveryPathAndUnwind)
         for (bool iterate : {false, true}) {
             int caught_inside = 0;
             for (int round = 0; round < 100; round++) {
-                if (expand_until_unwound(big.c_str(), iterate) != 55)
-                    return 11;
+                int value = expand_until_unwound(big.c_str(), iterate);
                 caught_inside += inside_expand;
                 inside_expand = 0;
-                if (area_count() != areas || pfm_inhibit_count() != 0)
-                    return 12;
+                if (value != 55 || area_count() != areas || pfm_inhibit_count() != 0)
+                    return 11;
             }
             if (caught_inside < 20)
                 return 13;
         }
         // Each intermediate result is over 100 KB: a leak of them shows.
-        if (mallinfo2().uordblks > heap + (1u << 20)) {
-            fprintf(stderr, "heap grew by %zu\n", mallinfo2().uordblks - heap);
-            return 14;
-        }
-        return 0;
+        return mallinfo2().uordblks > heap + (1u << 20) ? 14 : 0;
     });
     EXPECT_EQ(res.exit_code(), 0) << res.err;
 }
@@ -401,17 +393,15 @@ TEST(StrutlUtf, Utf16MalformedUnits)
 TEST(StrutlUtf, Utf8MalformedAndLimits)
 {
     const struct { const char *src; size_t n, cap; int rc; size_t used; std::vector<wchar_t> out; } cases[] = {
-        {"a\xE2\x82", 3, 7, 1, 1, {'a', 0}},     // source exhausted inside a sequence
-        {"\xC3\x41", 2, 7, 0, 2, {0x81, 0}},     // continuation bytes are not checked
+        // Source exhausted inside a sequence; continuation bytes are not checked.
+        {"a\xE2\x82", 3, 7, 1, 1, {'a', 0}}, {"\xC3\x41", 2, 7, 0, 2, {0x81, 0}},
         // Surrogate values pass through; beyond 0x10FFFF becomes 0xFFFD.
         {"\xED\xA0\x80" "\xF4\x90\x80\x80" "\xF8\x88\x80\x80\x80", 12, 7, 0, 12, {0xD800, 0xFFFD, 0xFFFD, 0}},
         // A six-byte sequence, and a lone continuation byte (0 trailing bytes).
         {"\xFC\x84\x80\x80\x80\x80" "\x80", 7, 7, 0, 7, {0xFFFD, 0x80, 0}},
         // Target exhausted: no unit left, or one unit for a pair.
-        {"ab", 2, 1, 3, 1, {'a', 0}},
-        {"a\xF0\x9F\x98\x80", 5, 2, 3, 1, {'a', 0}},
-        {"\xF0\x9F\x98\x80", 4, 2, 0, 4, {0xD83D, 0xDE00, 0}},
-        {"x", 1, 0, 3, 0, {0}}};
+        {"ab", 2, 1, 3, 1, {'a', 0}}, {"a\xF0\x9F\x98\x80", 5, 2, 3, 1, {'a', 0}},
+        {"\xF0\x9F\x98\x80", 4, 2, 0, 4, {0xD83D, 0xDE00, 0}}, {"x", 1, 0, 3, 0, {0}}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.src);
         std::vector<wchar_t> w(c.cap + 8, L'\x5A5A');
@@ -424,7 +414,7 @@ TEST(StrutlUtf, Utf8MalformedAndLimits)
 }
 
 // ---------------------------------------------------------------------------
-// Hash, flags, SJIS to EUC
+// Hash, flags, Shift_JIS to EUC
 
 TEST(StrutlHash, RotateAndAdd)
 {
@@ -441,56 +431,40 @@ TEST(StrutlFlags, ToText)
     EXPECT_STREQ(strutl_flags_to_str(3, "|", flag_table, 4), "A|B");  // AB overlaps: not printed
     EXPECT_STREQ(strutl_flags_to_str(0x18, ",", flag_table, 4), "Long UNKNOWN(0x10)");
     EXPECT_STREQ(strutl_flags_to_str(0, "", flag_table, 4), "");
-    EXPECT_STREQ(strutl_flags_to_str(2, "", flag_table, 4), "B");
     // Cut at 1023 characters, in the same buffer each time.
-    std::string name(10, 'n');
-    std::vector<strutl_flag_entry_t> many;
-    for (int i = 0; i < 200; i++)
-        many.push_back({name.c_str(), 1u << (i % 32)});
-    const char *r = strutl_flags_to_str(0xFFFFFFFFu, "--", many.data(), 200);
-    EXPECT_LE(strlen(r), 1023u);
+    std::string name(40, 'n');
+    std::vector<strutl_flag_entry_t> many(32, {name.c_str(), 0});
+    for (int i = 0; i < 32; i++)
+        many[i].mask = 1u << i;
+    const char *r = strutl_flags_to_str(0xFFFFFFFFu, "--", many.data(), 32);
+    EXPECT_EQ(strlen(r), 1023u);
     EXPECT_EQ(strutl_flags_to_str(1, nullptr, flag_table, 1), r);
 }
 
 TEST(StrutlFlags, FromText)
 {
-    const char *unknown = "a,LONG,zz";
+    const char *unknown = "a,LONG,zz", *lower = "a";
     const struct { const char *in; int cs; const char *sep; uint32_t want; const char *bad; } cases[] = {
         {"A Long", 1, nullptr, 9, nullptr}, {unknown, 0, ",", 0, unknown + 7}, {"a,LONG", 0, ",", 9, nullptr},
-        {"", 1, nullptr, 0, nullptr}, {"AB::B", 1, "::", 3, nullptr}};
+        {"", 1, nullptr, 0, nullptr}, {"AB::B", 1, "::", 3, nullptr}, {lower, 1, nullptr, 0, lower}};
     for (const auto &c : cases) {
         const char *bad = "x";
         EXPECT_EQ(strutl_flags_from_str(c.in, c.cs, c.sep, flag_table, 4, &bad), c.want) << c.in;
         EXPECT_EQ(bad, c.bad) << c.in;
     }
-    const char *bad = nullptr;
-    EXPECT_EQ(strutl_flags_from_str("a", 1, nullptr, flag_table, 4, &bad), 0u);
-    EXPECT_STREQ(bad, "a");
 }
 
-TEST(StrutlSjis, ToEucAgainstIconv)
+// One character for each branch of the conversion: second byte below 0x7F,
+// from 0x7F, from 0x9F (the next, even row), and a first byte from 0xE0.
+TEST(StrutlSjis, ToEuc)
 {
-    iconv_t cd = iconv_open("EUC-JP", "SHIFT_JIS");
-    ASSERT_NE(cd, (iconv_t)-1);
-    int checked = 0;
-    for (unsigned b1 = 0x81; b1 <= 0xEF; b1++) {
-        for (unsigned b2 = 0x40; b2 <= 0xFC && (b1 < 0xA0 || b1 > 0xDF); b2++) {
-            char in[2] = {static_cast<char>(b1), static_cast<char>(b2)}, *ip = in;
-            unsigned char out[4], hi = 0, lo = 0;
-            char *op = reinterpret_cast<char *>(out);
-            size_t il = 2, ol = sizeof out;
-            iconv(cd, nullptr, nullptr, nullptr, nullptr);
-            if (b2 == 0x7F || iconv(cd, &ip, &il, &op, &ol) == (size_t)-1 || sizeof out - ol != 2)
-                continue;  // unassigned, or not in JIS X 0208
-            uint32_t code = strutl_cvt_sjis_to_euc(b1, b2, &hi, &lo);
-            ASSERT_EQ(code, (uint32_t)(out[0] << 8 | out[1])) << std::hex << b1 << " " << b2;
-            ASSERT_TRUE(hi == out[0] && lo == out[1]) << std::hex << b1 << " " << b2;
-            checked++;
-        }
+    const struct { uint32_t b1, b2, euc; } cases[] = {
+        {0x81, 0x40, 0xA1A1}, {0x81, 0x80, 0xA1E0}, {0x88, 0x9E, 0xAFFE}, {0x88, 0x9F, 0xB0A1}, {0xE0, 0x40, 0xDFA1}};
+    for (const auto &c : cases) {
+        unsigned char hi = 0, lo = 0;
+        EXPECT_EQ(strutl_cvt_sjis_to_euc(c.b1, c.b2, &hi, &lo), c.euc) << std::hex << c.b1 << " " << c.b2;
+        EXPECT_EQ(hi << 8 | lo, c.euc) << std::hex << c.b1 << " " << c.b2;
     }
-    iconv_close(cd);
-    EXPECT_GT(checked, 6000);
-    EXPECT_EQ(strutl_cvt_sjis_to_euc(0x88, 0x9F, nullptr, nullptr), 0xB0A1u);
 }
 
 // ---------------------------------------------------------------------------
@@ -498,36 +472,29 @@ TEST(StrutlSjis, ToEucAgainstIconv)
 
 TEST(StrutlWalk, TokenizerInShiftJisAndUtf8)
 {
-    use_locale("ja_JP.SJIS");
-    std::string s = cat({"  a", SO, "b\\c ", PO, "|", HYO});
-    char *p = &s[0];
-    for (const std::string &want : {cat({"a", SO, "b"}), std::string("c"), std::string(PO), std::string(HYO)}) {
-        const char *got = strutl_tokenize(p, " \\|");
-        p = nullptr;
-        EXPECT_EQ(got ? got : "(null)", want);
+    const struct { const char *loc; std::string in; const char *delims; std::vector<std::string> tokens; } cases[] = {
+        {"ja_JP.SJIS", cat({"  a", SO, "b\\c ", PO, "|", HYO}), " \\|", {cat({"a", SO, "b"}), "c", PO, HYO}},
+        {"C", ",,x,,y", ",", {"x", "y"}},
+        {"C.UTF-8", "\xC3\xA9|x||", "|", {"\xC3\xA9", "x"}}};
+    for (auto c : cases) {
+        use_locale(c.loc);
+        char *p = &c.in[0];
+        for (const std::string &want : c.tokens) {
+            const char *got = strutl_tokenize(p, c.delims);
+            p = nullptr;
+            EXPECT_EQ(got ? got : "(null)", want) << c.loc;
+        }
+        EXPECT_EQ(strutl_tokenize(nullptr, c.delims), nullptr) << c.loc;
+        EXPECT_EQ(strutl_tokenize(nullptr, c.delims), nullptr) << c.loc;
     }
-    EXPECT_EQ(strutl_tokenize(nullptr, " \\|"), nullptr);
-    EXPECT_EQ(strutl_tokenize(nullptr, " \\|"), nullptr);
-    char plain[] = ",,x,,y";
-    EXPECT_STREQ(strutl_tokenize(plain, ","), "x");
-    EXPECT_STREQ(strutl_tokenize(nullptr, ","), "y");
-    EXPECT_EQ(strutl_tokenize(nullptr, ","), nullptr);
-    use_locale("C.UTF-8");
-    char tok[] = "\xC3\xA9|x||";
-    EXPECT_STREQ(strutl_tokenize(tok, "|"), "\xC3\xA9");
-    EXPECT_STREQ(strutl_tokenize(nullptr, "|"), "x");
-    EXPECT_EQ(strutl_tokenize(nullptr, "|"), nullptr);
 }
 
 TEST(StrutlWalk, FindEndDelim)
 {
-    int pos = -1;
-    EXPECT_EQ(strutl_find_end_delim("(a(b)c)d)", 1, '(', ')', &pos), 1);
-    EXPECT_EQ(pos, 6);
-    EXPECT_EQ(strutl_find_end_delim("(a(b", 1, '(', ')', &pos), 0);
-    EXPECT_EQ(pos, 4);
     use_locale("ja_JP.SJIS");
-    // The second bytes of PO ('|') and SO ('\\') are not delimiters.
+    int pos = -1;
+    // The second bytes of PO ('|') and SO ('\\') are neither opening nor
+    // closing; a real '|' nests one level.
     std::string s = cat({"[", PO, SO, "|x\\"});
     EXPECT_EQ(strutl_find_end_delim(s.c_str(), 1, '|', '\\', &pos), 0);
     EXPECT_EQ(pos, static_cast<int>(s.size()));
@@ -556,42 +523,25 @@ TEST(StrutlWalk, SearchesInShiftJis)
     EXPECT_EQ(strutl_find_str_range(p, 9, "\\d"), p + 7);
     EXPECT_EQ(strutl_match_prefix(p, "a"), 1u);
     EXPECT_EQ(strutl_mb_strlen(p), 10u);
-    EXPECT_EQ(strutl_mblen(p + 1), 2);
     EXPECT_EQ(strutl_mblen(p + 2), 1);  // the trailing byte seen alone
+    EXPECT_EQ(strutl_mb_strlen("a\xFF" "b"), 3u);  // an invalid byte is a character of its own
     std::string path = cat({"d", SO, "\\e/f"});
     EXPECT_EQ(strutl_xlate_pname_sep(&path[0], "\\", '/', nullptr, 0), path.c_str());
     EXPECT_EQ(path, cat({"d", SO, "/e/f"}));
 }
 
-TEST(StrutlWalk, SearchesInUtf8)
-{
-    use_locale("C.UTF-8");
-    const char *p = "\xC3\xA9t\xC3\xA9|x";   // e-acute t e-acute | x
-    EXPECT_EQ(strutl_mb_strlen(p), 5u);
-    EXPECT_EQ(strutl_right_char(p), p + 6);
-    EXPECT_EQ(strutl_strrpbrk(p, "\xC3\xA9"), p + 3);
-    EXPECT_EQ(strutl_find_char(p, 0xA9), nullptr);
-    EXPECT_EQ(strutl_find_str(p, "t\xC3\xA9"), p + 2);
-    EXPECT_EQ(strutl_find_str(p, "\xA9t"), nullptr);
-    // An invalid byte is a character of its own.
-    EXPECT_EQ(strutl_mb_strlen("a\xFF" "b"), 3u);
-    EXPECT_EQ(strutl_mblen("\xE2\x82"), 1);
-}
 
 TEST(StrutlLocale, CharTypeAndClasses)
 {
-    const struct { const char *loc; int single_byte; } types[] = {{"C", 1}, {"ja_JP.SJIS", 0}, {"C.UTF-8", 0}};
-    for (const auto &t : types) {
-        use_locale(t.loc);
-        EXPECT_EQ(strutl_get_sys_char_type(), t.single_byte) << t.loc;
+    for (const char *loc : {"C", "ja_JP.SJIS", "C.UTF-8"}) {
+        use_locale(loc);
+        EXPECT_EQ(strutl_get_sys_char_type(), loc[1] == 0 ? 1 : 0) << loc;
     }
     const struct { const char *loc, *s; uint32_t classes; int want, len; } cases[] = {
-        {"C", "a", STRUTL_CT_ALPHA | STRUTL_CT_LOWER, 1, 1},
-        {"C", "a", STRUTL_CT_ALPHA | STRUTL_CT_UPPER, 0, 1},
-        {"C", "7", STRUTL_CT_DIGIT | STRUTL_CT_XDIGIT | STRUTL_CT_ALNUM, 1, 1},
-        {"C", " ", STRUTL_CT_SPACE, 1, 1}, {"C", " ", STRUTL_CT_GRAPH, 0, 1},
-        {"C", "!", STRUTL_CT_PUNCT | STRUTL_CT_PRINT, 1, 1}, {"C", "", STRUTL_CT_PRINT, 0, 0},
-        {"de_DE.UTF-8", "\xC3\x84x", STRUTL_CT_ALPHA | STRUTL_CT_UPPER, 1, 2},
+        {"C", "a", STRUTL_CT_ALPHA | STRUTL_CT_LOWER, 1, 1}, {"C", "a", STRUTL_CT_ALPHA | STRUTL_CT_UPPER, 0, 1},
+        {"C", "7", STRUTL_CT_DIGIT | STRUTL_CT_XDIGIT | STRUTL_CT_ALNUM, 1, 1}, {"C", " ", STRUTL_CT_SPACE, 1, 1},
+        {"C", " ", STRUTL_CT_GRAPH, 0, 1}, {"C", "!", STRUTL_CT_PUNCT | STRUTL_CT_PRINT, 1, 1},
+        {"C", "", STRUTL_CT_PRINT, 0, 0}, {"de_DE.UTF-8", "\xC3\x84x", STRUTL_CT_ALPHA | STRUTL_CT_UPPER, 1, 2},
         {"de_DE.UTF-8", "\xC3", STRUTL_CT_ALPHA, 0, 1},
         {"de_DE.UTF-8", "\xE2\x80\x83", STRUTL_CT_SPACE, 1, 3}};  // em space
     for (const auto &c : cases) {
@@ -606,32 +556,27 @@ TEST(StrutlWalk, CompareIgnoringWhiteSpace)
 {
     EXPECT_EQ(strutl_cmp_ignore_whitespace("a b\tc", "abc"), 0);
     EXPECT_LT(strutl_cmp_ignore_whitespace("a b", "a c"), 0);
-    EXPECT_GT(strutl_cmp_ignore_whitespace("ab c", " a b"), 0);
     use_locale("ja_JP.SJIS");
     // Full-width a (0x82 0x81) then '@': its trailing byte and the '@' read
     // together would be the ideographic space 0x81 0x40.
-    const char *a = "\x82\x81@";
-    EXPECT_EQ(strutl_cmp_ignore_whitespace(a, "\x82\x81\x81\x40@"), 0);
-    EXPECT_EQ(strutl_cmp_ignore_whitespace(" \x82\x81 @ ", a), 0);
-    EXPECT_LT(strutl_cmp_ignore_whitespace("\x82\x81", a), 0);
+    EXPECT_EQ(strutl_cmp_ignore_whitespace(" \x82\x81 @ ", "\x82\x81\x81\x40@"), 0);
+    EXPECT_LT(strutl_cmp_ignore_whitespace("\x82\x81", "\x82\x81@"), 0);
 }
 
 TEST(StrutlCase, ConvertsWholeCharactersOnly)
 {
     use_locale("ja_JP.SJIS");
     // Second bytes 0x5C, 0x7C and the letters a..z range (0x83 0x61 is a
-    // katakana): none of them may be case-converted as a byte.
-    std::string s = cat({"ab", SO, PO, "\x83\x61", "z|\\"});
+    // katakana) are not case-converted as bytes; full-width a (0x82 0x81)
+    // becomes full-width A (0x82 0x60).
+    std::string s = cat({"ab", SO, PO, "\x83\x61\x82\x81", "z|\\"});
     char out[64];
     EXPECT_EQ(strutl_cvt_case_string(out, sizeof out, s.c_str(), STRUTL_CASE_UPPER), 0);
-    EXPECT_EQ(std::string(out), cat({"AB", SO, PO, "\x83\x61", "Z|\\"}));
+    EXPECT_EQ(std::string(out), cat({"AB", SO, PO, "\x83\x61\x82\x60", "Z|\\"}));
     EXPECT_EQ(strutl_cvt_case_string(out, sizeof out, out, STRUTL_CASE_LOWER), 0);
     EXPECT_EQ(std::string(out), s);
-    char ch[16];
-    // Full-width Latin a (0x82 0x81) becomes full-width A (0x82 0x60).
-    EXPECT_EQ(strutl_cvt_case_char("\x82\x81", ch, STRUTL_CASE_UPPER), 2);
-    EXPECT_STREQ(ch, "\x82\x60");
-    EXPECT_EQ(strutl_cvt_case_char("", ch, STRUTL_CASE_UPPER), 0);
+    EXPECT_EQ(strutl_cvt_case_char("\x82\x81", out, STRUTL_CASE_UPPER), 2);
+    EXPECT_STREQ(out, "\x82\x60");
     use_locale("de_DE.UTF-8");
     EXPECT_EQ(strutl_cvt_case_string(out, sizeof out, "\xC3\xA4pfel \xC3\x9F", STRUTL_CASE_UPPER), 0);
     EXPECT_STREQ(out, "\xC3\x84PFEL \xC3\x9F");  // sharp s has no single upper case
@@ -648,7 +593,6 @@ TEST(StrutlCase, CaseBlindCollation)
     use_locale("de_DE.UTF-8");
     EXPECT_EQ(strutl_stricoll("\xC3\x84PFEL", "\xC3\xA4pfel"), 0);
     EXPECT_LT(strutl_stricoll("apple", "BANANA"), 0);
-    EXPECT_GT(strutl_stricoll("Zebra", "apple"), 0);
     EXPECT_EQ(strutl_stricoll(std::string(1000, 'A').c_str(), std::string(1000, 'a').c_str()), 0);
 }
 
@@ -668,14 +612,9 @@ TEST(StrutlCopy, NeverPastTheSize)
         {"concat", [&](char *b, size_t n) { return strutl_concat(b, n, 3, "12", src.c_str(), "xyz"); }},
         {"cpy_and_advance", [&](char *b, size_t n) {
              char *pos = b;
-             strutl_cpy_and_advance(&pos, b + n, "hello");
-             return strutl_cpy_and_advance(&pos, b + n, src.c_str());
+             return strutl_cpy_and_advance(&pos, b + n, "hello"), strutl_cpy_and_advance(&pos, b + n, src.c_str());
          }},
-        {"prepend", [&](char *b, size_t n) {
-             if (n > 0)
-                 strutl_cpy_buf(b, n, "tail");
-             return strutl_prepend(b, n, src.c_str());
-         }}};
+        {"prepend", [&](char *b, size_t n) { return strutl_cpy_buf(b, n, "tail"), strutl_prepend(b, n, src.c_str()); }}};
     for (const char *loc : {"C", "ja_JP.SJIS"}) {
         use_locale(loc);
         for (const auto &op : ops) {
@@ -690,14 +629,10 @@ TEST(StrutlCopy, NeverPastTheSize)
                 std::string mem(size + 32, '\x5A');
                 int cut = op.second(&mem[0], size);
                 EXPECT_EQ(mem.find_first_not_of('\x5A', size), std::string::npos);
-                if (size == 0) {
-                    EXPECT_EQ(cut, 1);
-                    continue;
-                }
-                ASSERT_NE(memchr(mem.data(), 0, size), nullptr);
-                std::string got = mem.c_str();
+                ASSERT_TRUE(size == 0 ? cut == 1 : memchr(mem.data(), 0, size) != nullptr);
+                std::string got = size ? mem.c_str() : "";
                 EXPECT_EQ(full.compare(0, got.size(), got), 0);
-                EXPECT_EQ(cut, got.size() < full.size() ? 1 : 0);
+                EXPECT_EQ(cut, got.size() < full.size() ? 1 : 0);  // size 0: nothing, so cut
                 EXPECT_EQ(ends.count(got.size()), 1u);
             }
         }
@@ -708,28 +643,21 @@ TEST(StrutlCopy, Results)
 {
     char buf[16];
     EXPECT_EQ(strutl_concat(buf, sizeof buf, 3, "ab", nullptr, "cd"), 0);
-    EXPECT_STREQ(buf, "abcd");
-    EXPECT_EQ(strutl_concat(buf, sizeof buf, 2, buf, "ef"), 0);
+    EXPECT_EQ(strutl_concat(buf, sizeof buf, 2, buf, "ef"), 0);  // kept in place
     EXPECT_STREQ(buf, "abcdef");
-    EXPECT_EQ(strutl_concat(buf, sizeof buf, 2, buf, "0123456789"), 1);
-    EXPECT_STREQ(buf, "abcdef012345678");
     char *h = strutl_concat_heap(3, "x", "-", "y");
     EXPECT_STREQ(h, "x-y");
     stg_free(h);
     stg_area_t area = stg_create_area(256);
     EXPECT_STREQ(strutl_concat_area(area, 2, "left", "right"), "leftright");
     stg_delete_area(&area);
-
     EXPECT_EQ(strutl_ncpy(buf, "abcdef", 3), 1);   // buf holds n + 1 bytes
     EXPECT_STREQ(buf, "abc");
     const char *stop = nullptr;
     EXPECT_EQ(strutl_ccpy_buf(buf, 3, "key=value", '=', &stop), 1);
     EXPECT_STREQ(stop, "y=value");
-    strcpy(buf, "world");
-    EXPECT_EQ(strutl_prepend(buf, sizeof buf, "hello "), 0);
-    EXPECT_STREQ(buf, "hello world");
     char *pos = buf;
-    EXPECT_EQ(strutl_cpy_and_advance(&pos, buf + 8, "abc"), 0);
+    strutl_cpy_and_advance(&pos, buf + 8, "abc");
     EXPECT_EQ(strutl_cpy_and_advance(&pos, buf + 8, "defgh"), 1);
     EXPECT_EQ(pos, buf + 7);
 }
@@ -740,28 +668,21 @@ TEST(StrutlCopy, Results)
 TEST(StrutlEdit, ReplaceStripSlideTranslate)
 {
     char buf[16] = "hello world";
-    EXPECT_EQ(strutl_replace_substr(buf, sizeof buf, 6, 5, "there"), 0);
     EXPECT_EQ(strutl_replace_substr(buf, sizeof buf, 0, 5, "hi"), 0);
-    EXPECT_STREQ(buf, "hi there");
+    EXPECT_STREQ(buf, "hi world");
     EXPECT_EQ(strutl_find_replace_substr(buf, sizeof buf, "a-b-c", "-", "+="), 2);
     EXPECT_STREQ(buf, "a+=b+=c");
     EXPECT_EQ(strutl_find_replace_substr(buf, sizeof buf, "aaa", "aa", "b"), 1);
     EXPECT_STREQ(buf, "ba");
-
     char ws[] = " \t in the middle \n ", none[] = "   ";
     EXPECT_STREQ(strutl_strip_whitespace(ws), "in the middle");
     EXPECT_STREQ(strutl_strip_whitespace(none), "");
     char slide[16] = "abcdef";
     EXPECT_STREQ(strutl_slide_tail(slide + 3, 2), "def");
-    memcpy(slide + 3, "XY", 2);
-    EXPECT_STREQ(slide, "abcXYdef");
     EXPECT_STREQ(strutl_slide_tail(slide + 5, -2), "def");
     EXPECT_STREQ(slide, "abcdef");
-
-    const char *list[] = {"one", "two", nullptr};
-    EXPECT_EQ(strutl_str_in_list("two", list), 1);
-    EXPECT_EQ(strutl_str_in_list("three", list), 0);
-    const char *strings[] = {"&lt;", "&gt;", nullptr};
+    const char *list[] = {"one", "two", nullptr}, *strings[] = {"&lt;", "&gt;", nullptr};
+    EXPECT_EQ(strutl_str_in_list("two", list) * 2 + strutl_str_in_list("three", list), 2);
     char *x = strutl_xlate_chars_to_strings("<a>-b", "<>-", strings);
     EXPECT_STREQ(x, "&lt;a&gt;b");
     stg_free(x);
@@ -773,39 +694,29 @@ TEST(StrutlEdit, ReplaceStripSlideTranslate)
 TEST(StrutlEdit, NamesAndCStrings)
 {
     const struct { const char *loc, *name, *first, *other; int want; } names[] = {
-        {"C", "abc_1", nullptr, nullptr, 1}, {"C", "_x", nullptr, nullptr, 1},
-        {"C", "1abc", nullptr, nullptr, 0}, {"C", "", nullptr, nullptr, 0},
-        {"C", "a-b", nullptr, nullptr, 0}, {"C", "a-b.c", nullptr, "-.", 1},
-        {"C", "1abc", "0123456789", nullptr, 1},
-        {"C.UTF-8", "\xC3\xA9t\xC3\xA9", nullptr, nullptr, 1}, {"C.UTF-8", "ab\xC3", nullptr, nullptr, 0}};
+        {"C", "abc_1", nullptr, nullptr, 1}, {"C", "_x", nullptr, nullptr, 1}, {"C", "1abc", nullptr, nullptr, 0},
+        {"C", "", nullptr, nullptr, 0}, {"C", "a-b", nullptr, nullptr, 0}, {"C", "a-b.c", nullptr, "-.", 1},
+        {"C", "1abc", "0123456789", nullptr, 1}, {"C.UTF-8", "\xC3\xA9t\xC3\xA9", nullptr, nullptr, 1},
+        {"C.UTF-8", "ab\xC3", nullptr, nullptr, 0}};
     for (const auto &c : names) {
         use_locale(c.loc);
         EXPECT_EQ(strutl_is_ok_name(c.name, c.first, c.other), c.want) << c.name;
     }
-    char s1[] = "\"a\\tb\\n\\\\\\\"\\x41\\101\"", s2[] = "plain\\?";
+    char s1[] = "\"a\\tb\\n\\\\\\\"\\x41\\101\\?\"";
     EXPECT_EQ(strutl_cstr_to_str(s1), 0);
-    EXPECT_STREQ(s1, "a\tb\n\\\"AA");
-    EXPECT_EQ(strutl_cstr_to_str(s2), 0);
-    EXPECT_STREQ(s2, "plain?");
+    EXPECT_STREQ(s1, "a\tb\n\\\"AA?");
 }
 
 TEST(StrutlFormat, PrintfDirectivesAndSnprintf)
 {
     size_t len = 0;
     char conv = 0;
-    const char *fmt = "100%% of %-08.3lld and %*.*s%c";
-    const char *p = strutl_find_printf_directive(fmt, &len, &conv);
-    EXPECT_EQ(p, fmt + 9);
-    EXPECT_EQ(len, 9u);
-    EXPECT_EQ(conv, 'd');
+    const char *fmt = "100%% of %-08.3lld and %*.*s", *p = strutl_find_printf_directive(fmt, &len, &conv);
+    EXPECT_TRUE(p == fmt + 9 && len == 9 && conv == 'd');
     p = strutl_find_printf_directive(p + len, &len, &conv);
     EXPECT_EQ(std::string(p, len), "%*.*s");
-    p = strutl_find_printf_directive(p + len, &len, &conv);
-    EXPECT_EQ(conv, 'c');
     EXPECT_EQ(strutl_find_printf_directive(p + len, &len, &conv), nullptr);
-
-    char buf[8];
-    memset(buf, 'x', sizeof buf);
+    char buf[8] = "xxxxxxx";
     EXPECT_EQ(strutl_snprintf(buf, 5, "%s-%d", "abc", 42), 6);
     EXPECT_STREQ(buf, "abc-");
     EXPECT_EQ(buf[5], 'x');
@@ -816,26 +727,23 @@ TEST(StrutlWide, Conversions)
     use_locale("C.UTF-8");
     stg_area_t area = stg_create_area(512);
     wchar_t *w = strutl_cvt_str_to_wide_str(area, "a\xC3\xA9\xE2\x82\xAC");
-    ASSERT_NE(w, nullptr);
-    EXPECT_EQ(strutl_wide_strlen(w), 3u);
-    EXPECT_TRUE(w[1] == 0xE9 && w[2] == 0x20AC);
+    EXPECT_TRUE(w && strutl_wide_strlen(w) == 3 && w[1] == 0xE9 && w[2] == 0x20AC);
     EXPECT_STREQ(strutl_cvt_wide_str_to_str(area, w), "a\xC3\xA9\xE2\x82\xAC");
     stg_delete_area(&area);
     wchar_t *hw = strutl_cvt_str_to_wide_str(STG_AREA_HEAP, "xy");
     EXPECT_EQ(strutl_wide_strlen(hw), 2u);
     stg_free(hw);
-
     const char *tail = "\xC3\xA9z";
     wchar_t wc = 0;
     EXPECT_EQ(strutl_wide_char_from_str(&wc, &tail), 2);
     EXPECT_EQ(wc, 0xE9);
     EXPECT_EQ(strutl_wide_char_from_str(&wc, &tail), 1);
-    EXPECT_EQ(strutl_wide_char_from_str(&wc, &tail), 0);  // at the end
+    EXPECT_EQ(strutl_wide_char_from_str(&wc, &tail), 0);
     char ch[8];
-    const char *t2 = "\xE2\x82\xAC!";
-    EXPECT_EQ(strutl_mb_char_from_str(ch, &t2), 3);
-    EXPECT_STREQ(ch, "\xE2\x82\xAC");
-    EXPECT_STREQ(t2, "!");
+    EXPECT_EQ(strutl_mb_char_from_str(ch, &tail), 0);
+    tail = "\xE2\x82\xAC!";
+    EXPECT_EQ(strutl_mb_char_from_str(ch, &tail), 3);
+    EXPECT_TRUE(strcmp(ch, "\xE2\x82\xAC") == 0 && strcmp(tail, "!") == 0);
 }
 
 TEST(StrutlMessages, ReportedTexts)
@@ -846,7 +754,7 @@ TEST(StrutlMessages, ReportedTexts)
         char s[] = "bad \\q escape";
         strutl_cstr_to_str(s);
         strutl_cvt_str_to_wide_str(STG_AREA_HEAP, nullptr);
-        strutl_cvt_str_to_wide_str(STG_AREA_HEAP, "a\xFF");   // not a character in C
+        strutl_cvt_str_to_wide_str(STG_AREA_HEAP, "a\xFF");   // not a character in C: message 6
         setlocale(LC_ALL, "C.UTF-8");
         strutl_cvt_str_to_wide_str(STG_AREA_HEAP, "ok\xFFrest");
         setlocale(LC_ALL, "C");
@@ -866,34 +774,28 @@ TEST(StrutlMessages, ReportedTexts)
         EXPECT_NE(res.err.find(text), std::string::npos) << text << "\n" << res.err;
 }
 
-// A regular file (by descriptor and by stream) and a pipe, whose size is not
-// known beforehand; errors name the operation.
+// A regular file by stream and a pipe, whose size is not known beforehand;
+// errors name the operation.
 TEST(StrutlFiles, ReadAndWrite)
 {
     ks_test::temp_dir dir;
     std::string path = dir.file("f"), big(100000, 'q');
-    int fd = open(path.c_str(), O_CREAT | O_RDWR | O_TRUNC, 0600);
+    int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC, 0600), p[2];
     EXPECT_EQ(strutl_write(fd, big.c_str()), 0);
-    size_t len = 0;
-    lseek(fd, 0, SEEK_SET);
-    char *r = strutl_read(fd, &len);
     close(fd);
-    EXPECT_TRUE(r && len == big.size() && r == big);
-    stg_free(r);
+    size_t len = 0;
     FILE *fp = fopen(path.c_str(), "r");
-    r = strutl_read_fp(fp, &len);
+    char *r = strutl_read_fp(fp, &len);
     fclose(fp);
     EXPECT_TRUE(r && len == big.size() && r == big);
     stg_free(r);
-    int p[2];
     ASSERT_EQ(pipe(p), 0);
-    EXPECT_EQ(strutl_write(p[1], "through a pipe"), 0);
+    EXPECT_EQ(strutl_write(p[1], big.c_str() + 40000), 0);  // within the pipe's buffer
     close(p[1]);
-    r = strutl_read(p[0], nullptr);
+    r = strutl_read(p[0], &len);
     close(p[0]);
-    EXPECT_STREQ(r, "through a pipe");
+    EXPECT_TRUE(r && len == 60000 && r == big.substr(40000));
     stg_free(r);
-
     auto res = run_in_child([&] {
         char *x = strutl_read(open(dir.path().c_str(), O_RDONLY | O_DIRECTORY), nullptr);
         int w = strutl_write(open(path.c_str(), O_RDONLY), "x");
@@ -944,7 +846,7 @@ TEST(StrutlScramble, RoundTripEveryLengthAndStart)
     std::mt19937 rng(99);
     std::string plain[41], previous[41];
     for (size_t len = 1; len <= 40; len++)
-        for (size_t k = 0; k < len; k++)
+        while (plain[len].size() < len)
             plain[len] += static_cast<char>(1 + rng() % 255);
     for (time_t t = 0; t < 64; t++) {
         ks::clock_fix(1700000000 - 1700000000 % 64 + t, 0);
@@ -957,32 +859,26 @@ TEST(StrutlScramble, RoundTripEveryLengthAndStart)
             std::vector<char> back(len + 1, 'x'), small(coded.size());
             ASSERT_EQ(strutl_extract_tail(coded.c_str(), back.data(), back.size()), 0) << t << " " << len;
             ASSERT_EQ(std::string(back.data()), plain[len]);
-            if (len > 0) {
-                ASSERT_EQ(strutl_extract_tail(coded.c_str(), back.data(), len), 1);
-                ASSERT_EQ(strutl_extract_head(plain[len].c_str(), small.data(), small.size()), 1);
-            }
+            ASSERT_EQ(strutl_extract_tail(coded.c_str(), back.data(), len), 1);
+            ASSERT_EQ(strutl_extract_head(plain[len].c_str(), small.data(), small.size()), 1);
         }
     }
     ks::clock_release();
-    char none[1];
-    EXPECT_EQ(strutl_extract_head("", none, 0), 1);
-    EXPECT_EQ(strutl_extract_head("", none, 1), 0);
-    EXPECT_STREQ(none, "");
 }
 
+// Foreign symbols and impossible lengths (5 or 1 data symbols plus the final
+// one, or the final one alone) are refused outright.  Every substitution of
+// one symbol by another printable character: never the original plain text,
+// and (where the text carries filler) almost always refused, well beyond
+// the third or so that are foreign symbols.
 TEST(StrutlScramble, TamperingDetected)
 {
     ks::clock_fix(1234567, 0);
     char out[64];
-    // Foreign symbols and impossible lengths (5 or 1 data symbols plus the
-    // final one, or the final one alone) are refused outright.
     std::string coded = scramble("password");
     for (std::string t : {coded.substr(0, 2) + "\x80" + coded.substr(3), coded.substr(0, 6), coded.substr(0, 2),
                           coded.substr(0, 1)})
         EXPECT_EQ(strutl_extract_tail(t.c_str(), out, sizeof out), 1) << t;
-    // Every substitution of one symbol by another printable character: never
-    // the original plaintext, and (where the text carries filler) almost
-    // always refused: well beyond the third or so that are foreign symbols.
     for (const char *plain : {"a", "pass", "secret", "passwords!", "abcdefghijklmnopq"}) {
         std::string c = scramble(plain);
         int tries = 0, refused = 0;
@@ -990,11 +886,9 @@ TEST(StrutlScramble, TamperingDetected)
             for (char sym = ' '; sym <= '~'; sym++) {
                 std::string t = c;
                 t[i] = sym;
-                if (sym == c[i])
-                    continue;
-                tries++;
-                int rc = strutl_extract_tail(t.c_str(), out, sizeof out);
-                refused += rc != 0;
+                int rc = sym == c[i] ? -1 : strutl_extract_tail(t.c_str(), out, sizeof out);
+                tries += rc != -1;
+                refused += rc == 1;
                 EXPECT_TRUE(rc != 0 || strcmp(out, plain) != 0) << plain << " " << i;
             }
         }

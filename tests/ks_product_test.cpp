@@ -254,12 +254,3 @@ TEST(SystemInit, KeepsALocaleAlreadyChosen)
     EXPECT_EQ(ks_system_init(), 1);
     EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C.UTF-8");
 }
-
-TEST(SystemInit, RmviewFlagAndFixedAnswers)
-{
-    EXPECT_EQ(ks_is_enabled_rmview_full_cr_check(), 0);
-    ks_enable_rmview_full_cr_check();
-    EXPECT_EQ(ks_is_enabled_rmview_full_cr_check(), 1);
-    ks_set_connected(0);
-    EXPECT_EQ(ks_connected(), 1);
-}

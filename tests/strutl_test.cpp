@@ -517,11 +517,13 @@ TEST(StrutlWalk, SearchesInShiftJis)
     EXPECT_EQ(strutl_strrpbrk(p, SO), p + 1);
     EXPECT_EQ(strutl_right_char(p), p + 11);
     EXPECT_EQ(strutl_match_last_char(p, '\\'), 0);
+    EXPECT_EQ(strutl_match_last_char("ab\\", '\\'), 1);
     EXPECT_EQ(strutl_find_str(p, "\\d"), p + 7);
     EXPECT_EQ(strutl_find_str(p, "\\b"), nullptr);   // inside SO + "b"
     EXPECT_EQ(strutl_find_str(p, "|c"), nullptr);    // inside PO + "c"
+    EXPECT_EQ(strutl_find_str_range(p, 8, "\\d"), nullptr);
     EXPECT_EQ(strutl_find_str_range(p, 9, "\\d"), p + 7);
-    EXPECT_EQ(strutl_match_prefix(p, "a"), 1u);
+    EXPECT_EQ(strutl_match_prefix(p, "a") * 10 + strutl_match_prefix(p, "b"), 10u);
     EXPECT_EQ(strutl_mb_strlen(p), 10u);
     EXPECT_EQ(strutl_mblen(p + 2), 1);  // the trailing byte seen alone
     EXPECT_EQ(strutl_mb_strlen("a\xFF" "b"), 3u);  // an invalid byte is a character of its own
@@ -653,6 +655,7 @@ TEST(StrutlCopy, Results)
     stg_delete_area(&area);
     EXPECT_EQ(strutl_ncpy(buf, "abcdef", 3), 1);   // buf holds n + 1 bytes
     EXPECT_STREQ(buf, "abc");
+    EXPECT_EQ(strutl_ncpy(buf, "ab", 3), 0);
     const char *stop = nullptr;
     EXPECT_EQ(strutl_ccpy_buf(buf, 3, "key=value", '=', &stop), 1);
     EXPECT_STREQ(stop, "y=value");
@@ -904,7 +907,7 @@ TEST(StrutlScramble, TamperingDetected)
 TEST(StrutlDeathTest, NullArgumentsAbort)
 {
     char ch[8];
-    wchar_t wc;
+    wchar_t wc = 0;
     EXPECT_DEATH(strutl_mb_strlen(nullptr), "s != NULL");
     EXPECT_DEATH(strutl_strip_whitespace(nullptr), "s != NULL");
     EXPECT_DEATH(strutl_expand_evs(nullptr), "s != NULL");

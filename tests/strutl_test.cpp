@@ -653,6 +653,10 @@ TEST(StrutlCopy, Results)
     stg_area_t area = stg_create_area(256);
     EXPECT_STREQ(strutl_concat_area(area, 2, "left", "right"), "leftright");
     stg_delete_area(&area);
+    char *none = static_cast<char *>(malloc(1)) + 1; // no byte of it may be read
+    EXPECT_EQ(strutl_prepend(none, 0, ""), 0);
+    EXPECT_EQ(strutl_prepend(none, 0, "x"), 1);
+    free(none - 1);
     EXPECT_EQ(strutl_ncpy(buf, "abcdef", 3), 1);   // buf holds n + 1 bytes
     EXPECT_STREQ(buf, "abc");
     EXPECT_EQ(strutl_ncpy(buf, "ab", 3), 0);

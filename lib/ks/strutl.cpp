@@ -1647,7 +1647,7 @@ int strutl_prepend(char *buf, size_t size, const char *prefix)
 {
     size_t plen = strlen(prefix);
     if (size == 0)
-        return plen || *buf ? 1 : 0;
+        return plen ? 1 : 0; // a buffer of no bytes is never read
     size_t blen = strnlen(buf, size - 1);
     bool cut = buf[blen] != '\0';
     if (plen >= size - 1) {

@@ -6,6 +6,8 @@
  * the heap allocator every module uses; blocks from them are released with
  * stg_free only, never with free (in debugging mode each carries a header).
  * Debugging mode: TRACE_VERBOSITY >= 1 and "ks/stg" in TRACE_SUBSYS.
+ * Once fault management runs, the heap wrappers hold signals while inside the
+ * C allocator, so an interrupt never unwinds out of malloc or free.
  */
 #ifndef KS_STG_H
 #define KS_STG_H

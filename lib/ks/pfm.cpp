@@ -6,6 +6,7 @@
 // siglongjmp, so the module holds no object with a destructor.
 
 #include "ks/pfm.h"
+#include "ks_internal.h"
 
 #include <errno.h>
 #include <signal.h>
@@ -239,6 +240,14 @@ void ensure_init()
 }
 
 } // namespace
+
+bool ks::pfm_hold()
+{
+    if (!pfm_inited)
+        return false;
+    pfm_inh_count = pfm_inh_count + 1;
+    return true;
+}
 
 void pfm_init(void)
 {

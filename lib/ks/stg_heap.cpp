@@ -7,7 +7,9 @@
 #include <string.h>
 
 #include "ks/imsg.h"
+#include "ks/pfm.h"
 #include "ks/stg.h"
+#include "ks_internal.h"
 #include "stg_internal.h"
 
 namespace ks {
@@ -91,6 +93,35 @@ void check_guard(const void *p)
     }
 }
 
+// The C allocator must not be left by an unwind: an interrupt landing inside
+// malloc or free would leave the allocator's locks held and its lists half
+// linked.  While fault management runs, signals wait for it to return.
+void *c_malloc(size_t n)
+{
+    bool held = ks::pfm_hold();
+    void *p = malloc(n);
+    if (held)
+        pfm_enable();
+    return p;
+}
+
+void *c_realloc(void *old, size_t n)
+{
+    bool held = ks::pfm_hold();
+    void *p = realloc(old, n);
+    if (held)
+        pfm_enable();
+    return p;
+}
+
+void c_free(void *p)
+{
+    bool held = ks::pfm_hold();
+    free(p);
+    if (held)
+        pfm_enable();
+}
+
 } // namespace
 
 extern "C" {
@@ -102,14 +133,14 @@ void *stg_malloc(size_t size)
     void *result = nullptr;
     if (ks::stg_traced(1)) {
         size_t total = debug_block_size(size);
-        unsigned char *block = total ? static_cast<unsigned char *>(malloc(total)) : nullptr;
+        unsigned char *block = total ? static_cast<unsigned char *>(c_malloc(total)) : nullptr;
         if (block) {
             memset(block + header_size, user_fill, size);
             write_header_and_guard(block, size);
             result = block + header_size;
         }
     } else {
-        result = malloc(size);
+        result = c_malloc(size);
     }
     if (!result)
         report_no_memory();
@@ -134,13 +165,13 @@ void *stg_realloc(void *p, size_t size)
             check_guard(p);
         size_t total = debug_block_size(size);
         unsigned char *old = p ? static_cast<unsigned char *>(p) - header_size : nullptr;
-        unsigned char *block = total ? static_cast<unsigned char *>(realloc(old, total)) : nullptr;
+        unsigned char *block = total ? static_cast<unsigned char *>(c_realloc(old, total)) : nullptr;
         if (block) {
             write_header_and_guard(block, size);
             result = block + header_size;
         }
     } else {
-        result = realloc(p, size);
+        result = c_realloc(p, size);
     }
     if (!result)
         report_no_memory();
@@ -165,7 +196,7 @@ void stg_free(void *p)
     if (!p)
         return;
     if (!ks::stg_traced(1)) {
-        free(p);
+        c_free(p);
         return;
     }
     check_guard(p);
@@ -179,7 +210,7 @@ void stg_free(void *p)
         memcpy(block + i, pattern, sizeof pattern);
     if (ks::stg_release_hook)
         ks::stg_release_hook(block, total);
-    free(block);
+    c_free(block);
 }
 
 char *stg_strdup(const char *s)

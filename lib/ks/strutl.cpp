@@ -310,34 +310,64 @@ char *expand_pass(stg_area_t area, char *work, int *found)
     return out.data;
 }
 
-// Passes of strutl_expand_evs_iterate; *cur holds the latest result for the
-// caller's clean-up frame.
-char *expand_passes(const char *str, int limit, char *volatile *cur)
+// One expansion pass into *slot.  The area, and the result while it has no
+// owner yet, are never left behind by an unwind: the record is armed before
+// the area exists, and the result changes hands with signals held.
+void expand_into(const char *str, int *flag, char *volatile *slot)
+{
+    stg_area_t volatile area = STG_AREA_NULL;
+    pfm_cleanup_t rec;
+    if (PFM_CLEANUP_START(&rec, 0) != 0) {
+        // Unwound from inside: the area goes, the fault goes on outwards.
+        stg_area_t doomed = area;
+        stg_delete_area(&doomed);
+        pfm_raise(rec.value);
+    }
+    pfm_inhibit();
+    area = stg_create_area(1024);
+    pfm_enable();
+    int found = 0;
+    char *work = area != STG_AREA_NULL ? stg_area_strdup(area, str) : nullptr;
+    char *expanded = work ? expand_pass(area, work, &found) : nullptr;
+    pfm_inhibit();
+    *slot = expanded ? stg_strdup(expanded) : nullptr;
+    pfm_cleanup_rls(&rec);
+    stg_area_t done = area;
+    stg_delete_area(&done);
+    pfm_enable();
+    if (flag)
+        *flag = found;
+}
+
+// Passes of strutl_expand_evs_iterate.  *cur holds the latest result and
+// *next the one being made, both for the caller's clean-up frame.
+char *expand_passes(const char *str, int limit, char *volatile *cur, char *volatile *next)
 {
     int passes = 0;
     const char *in = str;
     for (;;) {
         int flag = 0;
-        char *next = strutl_expand_evs_status(in, &flag);
+        expand_into(in, &flag, next);
         pfm_inhibit();
         stg_free(*cur);
-        *cur = next;
+        *cur = *next;
+        *next = nullptr;
         pfm_enable();
-        if (next == nullptr) {
+        if (*cur == nullptr) {
             errno = ENOMEM;
             return nullptr;
         }
         if (!flag)
-            return next;
+            return *cur;
         if (++passes > limit) {
             pfm_inhibit();
+            stg_free(*cur);
             *cur = nullptr;
             pfm_enable();
-            stg_free(next);
             errno = EINVAL;
             return nullptr;
         }
-        in = next;
+        in = *cur;
     }
 }
 
@@ -838,26 +868,9 @@ char *strutl_expand_evs_status(const char *str, int *flag)
         *flag = 0;
     const char *s = str;
     STRUTL_ASSERT(s != NULL);
-    stg_area_t area = stg_create_area(1024);
-    if (area == STG_AREA_NULL)
-        return nullptr;
-    pfm_cleanup_t rec;
-    if (PFM_CLEANUP_START(&rec, 0) == 0) {
-        int found = 0;
-        char *result = nullptr;
-        char *work = stg_area_strdup(area, str);
-        char *expanded = work ? expand_pass(area, work, &found) : nullptr;
-        if (expanded)
-            result = stg_strdup(expanded);
-        pfm_cleanup_rls(&rec);
-        stg_delete_area(&area);
-        if (flag)
-            *flag = found;
-        return result;
-    }
-    // Unwound from inside: the area goes, the fault goes on outwards.
-    stg_delete_area(&area);
-    pfm_raise(rec.value);
+    char *volatile result = nullptr;
+    expand_into(str, flag, &result);
+    return result;
 }
 
 char *strutl_expand_evs(const char *str) { return strutl_expand_evs_status(str, nullptr); }
@@ -868,14 +881,16 @@ char *strutl_expand_evs_iterate(const char *str, int max)
         errno = EINVAL;
         return nullptr;
     }
-    // The intermediate result goes with an unwind as well.
+    // The intermediate results go with an unwind as well.
     char *volatile cur = nullptr;
+    char *volatile next = nullptr;
     pfm_cleanup_t rec;
     if (PFM_CLEANUP_START(&rec, 0) != 0) {
         stg_free(cur);
+        stg_free(next);
         pfm_raise(rec.value);
     }
-    char *result = expand_passes(str, max == 0 ? 8 : max, &cur);
+    char *result = expand_passes(str, max == 0 ? 8 : max, &cur, &next);
     pfm_cleanup_rls(&rec);
     return result;
 }

@@ -9,7 +9,6 @@ namespace {
 
 using namespace ks::hashimpl;
 
-enum action { look = 0, enter = 1, release = 2 };
 
 inline uint32_t hash_of(const hash_table_t *t, const void *key)
 {
@@ -60,27 +59,18 @@ int lookup_action(hash_table_t *t, const void *key, const void **key_out, void *
         if (key) {
             uint32_t h = hash_of(t, key);
             hash_cell **link = find(t, key, h);
-            c = link ? *link : nullptr;
-            found = c != nullptr;
-            if (a == enter && !c) {
-                const void *stored = key;
-                if (t->copy_keys) {
-                    // A recycled cell brings its key buffer along.
-                    void *buf = t->free_cells ? const_cast<void *>(t->free_cells->key.ptr) : nullptr;
-                    if (!buf)
-                        buf = stg_alloc(t->area, t->key_bytes);
-                    if (buf)
-                        memcpy(buf, key, t->key_bytes);
-                    stored = buf;
-                }
-                if (stored) {
-                    c = add_cell(t, h);
-                    if (c)
-                        c->key.ptr = stored;
-                }
-            } else if (a == release && c) {
-                release_cell(t, link);
-            }
+            found = link != nullptr;
+            c = act_on_key(t, link, h, static_cast<action>(a), [t, key]() -> const void * {
+                if (!t->copy_keys)
+                    return key;
+                // A recycled cell brings its key buffer along.
+                void *buf = t->free_cells ? const_cast<void *>(t->free_cells->key.ptr) : nullptr;
+                if (!buf)
+                    buf = stg_alloc(t->area, t->key_bytes);
+                if (buf)
+                    memcpy(buf, key, t->key_bytes);
+                return buf;
+            });
         }
     }
     if (key_out)

@@ -5,7 +5,6 @@ namespace {
 
 using namespace ks::hashimpl;
 
-enum action { look, enter, release };
 
 // The slot that points at the key's cell, or null.  Integer keys are cheaper
 // to compare than the stored hash would be, so the compare comes first.

@@ -158,6 +158,27 @@ void report_unexpected();
 int scan_next(hash_table_t *t, hash_cursor_t **cursor, hash_cell **cell);
 int scan_next_in_order(hash_table_t *t, hash_cursor_t **cursor, hash_cell **cell);
 
+// What an entry point asks of its key: the values of hash_flen_lookup_action.
+enum action { look = 0, enter = 1, release = 2 };
+
+// The step every pointer-keyed kind shares once find() has stopped at link:
+// entering an absent key takes the key to keep from store_key (null when out
+// of memory) and then a cell; freeing releases the cell found.  Returns the
+// cell concerned (a released one included), or null.
+template <typename StoreKey>
+inline hash_cell *act_on_key(hash_table_t *t, hash_cell **link, uint32_t h, action a, StoreKey store_key)
+{
+    hash_cell *c = link ? *link : nullptr;
+    if (a == enter && !c) {
+        const void *stored = store_key();
+        if (stored && (c = add_cell(t, h)) != nullptr)
+            c->key.ptr = stored;
+    } else if (a == release && c) {
+        release_cell(t, link);
+    }
+    return c;
+}
+
 inline void set_outs(hash_cell *c, void **data)
 {
     if (data)

@@ -11,7 +11,6 @@ namespace {
 
 using namespace ks::hashimpl;
 
-enum action { look, enter, release };
 
 // The slot that points at the key's cell, or null.  The stored full hash is
 // compared before the (costlier) compare procedure is called.
@@ -39,20 +38,10 @@ __attribute__((always_inline)) inline int lookup_action(hash_table_t *t, const c
     }
     uint32_t h = t->hash == str_hash ? str_hash_value(key) : t->hash(key);
     hash_cell **link = find(t, key, h);
-    hash_cell *c = link ? *link : nullptr;
-    int found = c != nullptr;
-    if (a == enter && !c) {
-        const char *stored = key;
-        if (t->copy_keys)
-            stored = stg_area_strdup(t->area, key);
-        if (stored) {
-            c = add_cell(t, h);
-            if (c)
-                c->key.ptr = stored;
-        }
-    } else if (a == release && c) {
-        release_cell(t, link);
-    }
+    int found = link != nullptr;
+    hash_cell *c = act_on_key(t, link, h, a, [t, key]() -> const void * {
+        return t->copy_keys ? stg_area_strdup(t->area, key) : key;
+    });
     if (key_out)
         *key_out = c ? static_cast<const char *>(c->key.ptr) : nullptr;
     set_outs(c, data);

@@ -121,21 +121,6 @@ void assert_fail(const char *text, int line) { pfm_assert_fail(text, __FILE__, l
 // ---- Numbers ---------------------------------------------------------------
 
 template <typename T, typename F>
-uint32_t parse_whole(const char *str, T *out, F conv)
-{
-    *out = 0;
-    errno = 0;
-    if (str == nullptr)
-        return 1;
-    char *end = nullptr;
-    T v = conv(str, &end);
-    if (errno != 0 || (v == 0 && end == str))
-        return 1;
-    *out = v;
-    return *end != '\0' ? 1 : 0;
-}
-
-template <typename T, typename F>
 uint32_t parse_extended(const char *str, T *out, char **endp, F conv)
 {
     *out = 0;
@@ -154,15 +139,23 @@ uint32_t parse_extended(const char *str, T *out, char **endp, F conv)
     return 0;
 }
 
+// The whole-string rule: as parse_extended, and text after the number fails
+// (the value is still stored).
+template <typename T, typename F>
+uint32_t parse_whole(const char *str, T *out, F conv)
+{
+    char *end = nullptr;
+    if (parse_extended(str, out, &end, conv) != 0)
+        return 1;
+    return *end != '\0' ? 1 : 0;
+}
+
 uint32_t size_to_long(const char *str, long *out, bool in_kilo)
 {
     *out = 0;
-    errno = 0;
-    if (str == nullptr)
-        return 1;
     char *end = nullptr;
-    double v = strtod(str, &end);
-    if (errno != 0 || (v == 0 && end == str))
+    double v;
+    if (parse_extended(str, &v, &end, [](const char *p, char **e) { return strtod(p, e); }) != 0)
         return 1;
     double factor;
     if (*end == '\0') {

@@ -1,12 +1,19 @@
 // Turns a module's message file (gencat source form) into the C record of its
-// message table.  The file is the one source of the default texts and the
-// catalogue numbers: entries are listed in index order, each "number text".
+// message table and the names of its entries.  The file is the one source of
+// the default texts, the catalogue numbers and the index names: entries are
+// listed in index order, each "number text", each named by the comment line
+// "$ id INDEX NAME" just before it (the index is checked, so a reader never
+// counts lines).
 //
-//   ks_msggen MODULE.msg OUT.cpp
+//   ks_msggen MODULE.msg OUT.cpp OUT.h     the table and its index names
+//   ks_msggen --decls OUT.h MODULE.msg...  declarations of the library's tables
 //
+// OUT.h declares the table and an enum of <STEM>_MSG_<NAME> = INDEX.
 // Directives read besides gencat's own: "$ subsystem NAME", "$ table NAME"
-// (the C name of the record; default _<file stem>_ks_msg_table) and
-// "$ catalog NAME" (default "ks_lib"), for tools with catalogues of their own.
+// (the C name of the record; default _<file stem>_ks_msg_table), "$ catalog
+// NAME" (default "ks_lib"), for tools with catalogues of their own, and
+// "$ prefix NAME" (default the upper-case stem) for the index names.
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -20,6 +27,13 @@ namespace {
 struct entry {
     int number;
     std::string text;
+    std::string name;
+};
+
+struct msg_file {
+    std::string path, stem, table, subsys, catalog = "ks_lib", prefix;
+    int set = -1;
+    std::vector<entry> entries;
 };
 
 [[noreturn]] void fail(const std::string &file, int line, const std::string &why)
@@ -85,25 +99,71 @@ std::string c_literal(const std::string &s)
     return out + "\"";
 }
 
-} // namespace
 
-int main(int argc, char **argv)
+std::string upper(std::string s)
 {
-    if (argc != 3) {
-        std::cerr << "usage: ks_msggen MODULE.msg OUT.cpp\n";
-        return 2;
+    for (char &c : s)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return s;
+}
+
+bool is_name(const std::string &s)
+{
+    if (s.empty() || std::isdigit(static_cast<unsigned char>(s[0])))
+        return false;
+    for (unsigned char c : s)
+        if (!(std::isupper(c) || std::isdigit(c) || c == '_'))
+            return false;
+    return true;
+}
+
+// Reads "$ word ARG" comment directives of our own; false when the comment is
+// an ordinary one.
+void read_comment(msg_file &m, const std::string &line, int lineno, std::string &pending_name)
+{
+    std::istringstream ws(line.substr(1));
+    std::string word, arg;
+    ws >> word >> arg;
+    if (word == "subsystem")
+        m.subsys = arg;
+    else if (word == "table")
+        m.table = arg;
+    else if (word == "catalog")
+        m.catalog = arg;
+    else if (word == "prefix")
+        m.prefix = arg;
+    else if (word == "id") {
+        std::string name;
+        ws >> name;
+        char *end = nullptr;
+        long index = std::strtol(arg.c_str(), &end, 10);
+        if (arg.empty() || *end || !is_name(name))
+            fail(m.path, lineno, "expected \"$ id INDEX NAME\" (NAME in upper case)");
+        if (index != static_cast<long>(m.entries.size()))
+            fail(m.path, lineno, "\"$ id " + arg + "\" names entry " + std::to_string(m.entries.size()));
+        if (!pending_name.empty())
+            fail(m.path, lineno, "two names for one entry");
+        for (auto &e : m.entries)
+            if (e.name == name)
+                fail(m.path, lineno, "name " + name + " used twice");
+        pending_name = name;
     }
-    std::string path = argv[1];
+}
+
+msg_file read_msg_file(const std::string &path)
+{
+    msg_file m;
+    m.path = path;
     std::ifstream in(path);
     if (!in)
         fail(path, 0, "cannot open");
-    std::string stem = path.substr(path.find_last_of('/') + 1);
-    stem = stem.substr(0, stem.rfind('.'));
-    std::string table = "_" + stem + "_ks_msg_table", subsys, catalog = "ks_lib";
-    int set = -1, lineno = 0;
+    m.stem = path.substr(path.find_last_of('/') + 1);
+    m.stem = m.stem.substr(0, m.stem.rfind('.'));
+    m.table = "_" + m.stem + "_ks_msg_table";
+    m.prefix = upper(m.stem);
+    int lineno = 0;
     char quote = 0;
-    std::vector<entry> entries;
-    std::string line;
+    std::string line, pending_name;
     while (std::getline(in, line)) {
         lineno++;
         int first = lineno;
@@ -119,25 +179,19 @@ int main(int argc, char **argv)
         if (line.empty())
             continue;
         if (line[0] == '$') {
+            if (line.size() > 1 && (line[1] == ' ' || line[1] == '\t')) {
+                read_comment(m, line, first, pending_name);
+                continue;
+            }
             std::istringstream ws(line.substr(1));
             std::string word, arg;
-            if (line.size() > 1 && (line[1] == ' ' || line[1] == '\t')) {
-                ws >> word >> arg;
-                if (word == "subsystem")
-                    subsys = arg;
-                else if (word == "table")
-                    table = arg;
-                else if (word == "catalog")
-                    catalog = arg;
-            } else {
-                ws >> word;
-                if (word == "set")
-                    ws >> set;
-                else if (word == "quote")
-                    quote = ws >> arg ? arg[0] : 0;
-                else
-                    fail(path, first, "unknown directive $" + word);
-            }
+            ws >> word;
+            if (word == "set")
+                ws >> m.set;
+            else if (word == "quote")
+                quote = ws >> arg ? arg[0] : 0;
+            else
+                fail(path, first, "unknown directive $" + word);
             continue;
         }
         size_t p = 0;
@@ -152,25 +206,86 @@ int main(int argc, char **argv)
                 fail(path, first, "unterminated quoted text");
             text = text.substr(1, text.size() - 2);
         }
-        if (!entries.empty() && number <= entries.back().number)
+        if (!m.entries.empty() && number <= m.entries.back().number)
             fail(path, first, "message numbers must rise");
-        entries.push_back({number, unescape(text, path, first)});
+        if (pending_name.empty())
+            fail(path, first, "entry " + std::to_string(m.entries.size()) + " has no \"$ id\" line");
+        m.entries.push_back({number, unescape(text, path, first), pending_name});
+        pending_name.clear();
     }
-    if (set < 0 || subsys.empty() || entries.empty())
+    if (!pending_name.empty())
+        fail(path, lineno, "\"$ id\" without an entry");
+    if (m.set < 0 || m.subsys.empty() || m.entries.empty())
         fail(path, lineno, "needs $set, \"$ subsystem\" and at least one message");
+    return m;
+}
 
-    std::ofstream out(argv[2]);
-    out << "// Generated by ks_msggen from " << stem << ".msg: do not edit.\n"
-        << "#include \"ks/imsg.h\"\n\nnamespace {\n"
+void write_table(const msg_file &m, std::ostream &out)
+{
+    out << "// Generated by ks_msggen from " << m.stem << ".msg: do not edit.\n"
+        << "#include \"" << m.stem << "_msg.h\"\n\nnamespace {\n"
         << "const char *const texts[] = {\n";
-    for (auto &e : entries)
+    for (auto &e : m.entries)
         out << "    " << c_literal(e.text) << ",\n";
     out << "};\nconst int16_t numbers[] = {";
-    for (size_t i = 0; i < entries.size(); i++)
-        out << (i % 12 ? " " : "\n    ") << entries[i].number << ",";
+    for (size_t i = 0; i < m.entries.size(); i++)
+        out << (i % 12 ? " " : "\n    ") << m.entries[i].number << ",";
     out << "\n};\n} // namespace\n\n"
-        << "extern \"C\" KS_API const imsg_msg_table_t " << table << " = {\n"
-        << "    " << c_literal(catalog) << ", " << c_literal(subsys) << ", " << set << ", "
-        << entries.size() << ", texts, numbers,\n};\n";
-    return out ? 0 : 1;
+        << "extern \"C\" KS_API const imsg_msg_table_t " << m.table << " = {\n"
+        << "    " << c_literal(m.catalog) << ", " << c_literal(m.subsys) << ", " << m.set << ", "
+        << m.entries.size() << ", texts, numbers,\n};\n";
+}
+
+void write_names(const msg_file &m, std::ostream &out)
+{
+    std::string guard = "KS_GEN_" + upper(m.stem) + "_MSG_H";
+    out << "/* Generated by ks_msggen from " << m.stem << ".msg: do not edit. */\n"
+        << "#ifndef " << guard << "\n#define " << guard << "\n\n"
+        << "#include \"ks/imsg.h\"\n\n"
+        << "KS_BEGIN_DECLS\n"
+        << "KS_API extern const imsg_msg_table_t " << m.table << "; /* \"" << m.subsys
+        << "\", set " << m.set << " */\n"
+        << "KS_END_DECLS\n\n"
+        << "/* Indices of " << m.table << " (catalogue number in the comment). */\n"
+        << "enum " << m.stem << "_msg_index {\n";
+    for (size_t i = 0; i < m.entries.size(); i++)
+        out << "    " << m.prefix << "_MSG_" << m.entries[i].name << " = " << i << ", /* "
+            << m.entries[i].number << " */\n";
+    out << "    " << m.prefix << "_MSG_COUNT = " << m.entries.size() << "\n};\n\n#endif\n";
+}
+
+void write_decls(const std::vector<msg_file> &files, std::ostream &out)
+{
+    out << "/* Generated by ks_msggen from the library's message files: do not edit.\n"
+        << " * Included by ks/imsg.h: the library's message tables. */\n"
+        << "#ifndef KS_IMSG_TABLES_H\n#define KS_IMSG_TABLES_H\n\n"
+        << "KS_BEGIN_DECLS\n\n";
+    for (auto &m : files)
+        out << "KS_API extern const imsg_msg_table_t " << m.table << "; /* \"" << m.subsys
+            << "\", set " << m.set << " */\n";
+    out << "\nKS_END_DECLS\n\n#endif\n";
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc >= 3 && std::string(argv[1]) == "--decls") {
+        std::vector<msg_file> files;
+        for (int i = 3; i < argc; i++)
+            files.push_back(read_msg_file(argv[i]));
+        std::ofstream out(argv[2]);
+        write_decls(files, out);
+        return out ? 0 : 1;
+    }
+    if (argc != 4) {
+        std::cerr << "usage: ks_msggen MODULE.msg OUT.cpp OUT.h\n"
+                  << "       ks_msggen --decls OUT.h MODULE.msg...\n";
+        return 2;
+    }
+    msg_file m = read_msg_file(argv[1]);
+    std::ofstream table(argv[2]), names(argv[3]);
+    write_table(m, table);
+    write_names(m, names);
+    return table && names ? 0 : 1;
 }

@@ -46,20 +46,13 @@ typedef struct imsg_msg_table {
     const int16_t *numbers;     /* catalogue message number of each entry */
 } imsg_msg_table_t;
 
-/* The library's tables (catalogue sets 6 to 19). */
-KS_API extern const imsg_msg_table_t _stg_ks_msg_table;       /* "ks/stg", 6 */
-KS_API extern const imsg_msg_table_t _list_ks_msg_table;      /* "ks/list", 7 */
-KS_API extern const imsg_msg_table_t _strutl_ks_msg_table;    /* "ks/strutl", 8 */
-KS_API extern const imsg_msg_table_t _ks_ks_msg_table;        /* "ks", 9 */
-KS_API extern const imsg_msg_table_t _imsg_ks_msg_table;      /* "ks/imsg", 10 */
-KS_API extern const imsg_msg_table_t _date_ks_msg_table;      /* "ks/date", 12 */
-KS_API extern const imsg_msg_table_t _clp_ks_msg_table;       /* "clp", 13 */
-KS_API extern const imsg_msg_table_t _sysutl_ks_msg_table;    /* "ks/sysutl", 14 */
-KS_API extern const imsg_msg_table_t _rt_ks_msg_table;        /* "rt", 15 */
-KS_API extern const imsg_msg_table_t _rt_proc_ks_msg_table;   /* "rt_proc", 16 */
-KS_API extern const imsg_msg_table_t _server_id_ks_msg_table; /* "server_id", 17 */
-KS_API extern const imsg_msg_table_t _credutl_ks_msg_table;   /* "credutl", 18 */
-KS_API extern const imsg_msg_table_t _pfm_ks_msg_table;       /* "pfm", 19 */
+KS_END_DECLS
+
+/* The library's tables (catalogue sets 6 to 19), generated from its message
+ * files. */
+#include "ks/imsg_tables.h"
+
+KS_BEGIN_DECLS
 
 /* An output procedure receives the type and the finished line. */
 typedef void (*imsg_out_fn)(int type, const char *text);

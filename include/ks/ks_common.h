@@ -18,6 +18,9 @@
  *     which print and abort; no C++ exception ever leaves the library.
  *  6. Text walking is multibyte-aware: where the locale has characters of more
  *     than one byte, routines step by whole characters.
+ *  7. Unwinds: an interrupt or a raised fault unwinds to the innermost
+ *     clean-up record with siglongjmp, which runs no destructors.  C++ callers
+ *     keep objects with destructors out of any frame such an unwind can cross.
  */
 #ifndef KS_COMMON_H
 #define KS_COMMON_H

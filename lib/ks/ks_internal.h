@@ -1,4 +1,6 @@
-// Internal helpers shared between the library's modules (never installed).
+// Internal: included by any library source; never installed.
+// Helpers shared between the library's modules: the clock and the signal
+// hold around the C allocator.
 #ifndef KS_INTERNAL_H
 #define KS_INTERNAL_H
 

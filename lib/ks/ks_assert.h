@@ -1,0 +1,21 @@
+// Internal: included by library sources at or above the fault manager (the
+// message layer, below it, asserts through its service table); never installed.
+#ifndef KS_ASSERT_H
+#define KS_ASSERT_H
+
+#include "ks/pfm.h"
+
+// The library's one assertion.  KS_ASSERT(cond) prints cond's own text;
+// KS_ASSERT(cond, "text") prints the text the message must carry where it
+// differs from the code.  The source name is the file's stem (KS_SOURCE_NAME,
+// set by the build for each source), never a path of the build machine.
+#ifndef KS_SOURCE_NAME
+#error "KS_SOURCE_NAME is set by the build for every library source"
+#endif
+#define KS_ASSERT(...) KS_ASSERT_PICK_(__VA_ARGS__, KS_ASSERT_TEXT_, KS_ASSERT_EXPR_, )(__VA_ARGS__)
+#define KS_ASSERT_PICK_(a, b, chosen, ...) chosen
+#define KS_ASSERT_EXPR_(cond) KS_ASSERT_TEXT_(cond, #cond)
+#define KS_ASSERT_TEXT_(cond, text) \
+    ((cond) ? static_cast<void>(0) : pfm_assert_fail((text), KS_SOURCE_NAME, __LINE__))
+
+#endif

@@ -12,10 +12,13 @@
 #ifndef KS_SOURCE_NAME
 #error "KS_SOURCE_NAME is set by the build for every library source"
 #endif
-#define KS_ASSERT(...) KS_ASSERT_PICK_(__VA_ARGS__, KS_ASSERT_TEXT_, KS_ASSERT_EXPR_, )(__VA_ARGS__)
-#define KS_ASSERT_PICK_(a, b, chosen, ...) chosen
-#define KS_ASSERT_EXPR_(cond) KS_ASSERT_TEXT_(cond, #cond)
-#define KS_ASSERT_TEXT_(cond, text) \
+// The condition is turned into text before any macro in it is expanded.
+#define KS_ASSERT(...) \
+    KS_ASSERT_PICK(__VA_ARGS__, KS_ASSERT_WITH_TEXT, KS_ASSERT_AS_WRITTEN, )(#__VA_ARGS__, __VA_ARGS__)
+#define KS_ASSERT_PICK(a, b, chosen, ...) chosen
+#define KS_ASSERT_AS_WRITTEN(written, cond) KS_ASSERT_CHECK(cond, written)
+#define KS_ASSERT_WITH_TEXT(written, cond, text) KS_ASSERT_CHECK(cond, text)
+#define KS_ASSERT_CHECK(cond, text) \
     ((cond) ? static_cast<void>(0) : pfm_assert_fail((text), KS_SOURCE_NAME, __LINE__))
 
 #endif

@@ -26,28 +26,28 @@ KS_BEGIN_DECLS
 
 /* Token kinds of date_fmt_token_general. */
 #define DATE_TOKEN_DATE_TIME 0
-#define DATE_TOKEN_DATE 1
-#define DATE_TOKEN_SHORT 2
+#define DATE_TOKEN_DATE      1
+#define DATE_TOKEN_SHORT     2
 
 /* Date styles. */
 #define DATE_STYLE_DEFAULT 0
 #define DATE_STYLE_PRODUCT 1
-#define DATE_STYLE_ISO 2
+#define DATE_STYLE_ISO     2
 
 /* Directions for incomplete dates. */
-#define DATE_DIRECTION_PAST 0
+#define DATE_DIRECTION_PAST   0
 #define DATE_DIRECTION_FUTURE 1
 
 /* Digits-only formats of date_fmt_token_numeric / date_numeric_str_to_time
  * ("sep" is the caller's separator between date and time). */
-#define DATE_NUMERIC_YYMMDD_HHMMSS 0   /* %y%m%d<sep>%H%M%S */
+#define DATE_NUMERIC_YYMMDD_HHMMSS   0 /* %y%m%d<sep>%H%M%S */
 #define DATE_NUMERIC_YYYYMMDD_HHMMSS 1 /* %Y%m%d<sep>%H%M%S */
-#define DATE_NUMERIC_YYMMDD_HHMM 2     /* %y%m%d<sep>%H%M */
-#define DATE_NUMERIC_YYYYMMDD_HHMM 3   /* %Y%m%d<sep>%H%M */
-#define DATE_NUMERIC_YYMMDD 4          /* %y%m%d */
-#define DATE_NUMERIC_YYYYMMDD 5        /* %Y%m%d */
-#define DATE_NUMERIC_YYMMDD_HH_MM 6    /* %y%m%d<sep>%H<sep>%M */
-#define DATE_NUMERIC_COUNT 7
+#define DATE_NUMERIC_YYMMDD_HHMM     2 /* %y%m%d<sep>%H%M */
+#define DATE_NUMERIC_YYYYMMDD_HHMM   3 /* %Y%m%d<sep>%H%M */
+#define DATE_NUMERIC_YYMMDD          4 /* %y%m%d */
+#define DATE_NUMERIC_YYYYMMDD        5 /* %Y%m%d */
+#define DATE_NUMERIC_YYMMDD_HH_MM    6 /* %y%m%d<sep>%H<sep>%M */
+#define DATE_NUMERIC_COUNT           7
 /* date_numeric_str_to_time: try every format in the order above. */
 #define DATE_NUMERIC_ANY (-1)
 

@@ -1,4 +1,5 @@
-// Dates as text: the locale's forms, the ls form and the product's tokens.
+// Dates as text: the locale's forms, the ls form and the tokens in the product
+// style and ISO 8601.
 #include "ks/date.h"
 
 #include <stdio.h>
@@ -34,8 +35,8 @@ void remove_blanks(char *s)
 
 char *put2(char *p, int v)
 {
-    p[0] = (char)('0' + v / 10 % 10);
-    p[1] = (char)('0' + v % 10);
+    p[0] = static_cast<char>('0' + v / 10 % 10);
+    p[1] = static_cast<char>('0' + v % 10);
     return p + 2;
 }
 
@@ -57,7 +58,7 @@ void zone_text(time_t t, const struct tm *local, char *buf, size_t size)
         utc_hour += 24;
     else if (days == 6)
         local_hour += 24;
-    long offset = (long)(local->tm_min - utc.tm_min) * 60 + (long)(local_hour - utc_hour) * 3600 +
+    long offset = (local->tm_min - utc.tm_min) * 60L + (local_hour - utc_hour) * 3600L +
                   (local->tm_sec - utc.tm_sec);
     if (offset == 0) {
         snprintf(buf, size, "Z");
@@ -66,7 +67,8 @@ void zone_text(time_t t, const struct tm *local, char *buf, size_t size)
     char sign = offset < 0 ? '-' : '+';
     if (offset < 0)
         offset = -offset;
-    int hours = (int)(offset / 3600), minutes = (int)(offset % 3600 / 60);
+    int hours = static_cast<int>(offset / 3600);
+    int minutes = static_cast<int>(offset % 3600 / 60);
     if (hours > 99 || size < 7) {
         snprintf(buf, size, "%c%02d%s%02d", sign, hours, ":", minutes);
         return;
@@ -85,9 +87,7 @@ bool product_token(const struct tm *tm, int kind, bool utc, bool recent, char *o
     case DATE_TOKEN_DATE_TIME:
         snprintf(fmt, sizeof fmt, "%%d-%%b-%%y.%%H%s%%M%s%%S%s", ":", ":", utc ? "UTC" : "");
         break;
-    case DATE_TOKEN_DATE:
-        snprintf(fmt, sizeof fmt, "%%d-%%b-%%y");
-        break;
+    case DATE_TOKEN_DATE: snprintf(fmt, sizeof fmt, "%%d-%%b-%%y"); break;
     default:
         if (recent)
             snprintf(fmt, sizeof fmt, "%%d-%%b.%%H%s%%M%s", ":", utc ? "UTC" : "");
@@ -127,7 +127,8 @@ void iso_date_time(int year, const struct tm *tm, const char *zone, char *out, s
     memcpy(p, zone, zlen + 1);
 }
 
-void iso_token(time_t t, const struct tm *tm, int kind, bool utc, bool recent, char *out, size_t size)
+void iso_token(time_t t, const struct tm *tm, int kind, bool utc, bool recent, char *out,
+               size_t size)
 {
     int year = tm->tm_year + 1900;
     if (kind == DATE_TOKEN_DATE_TIME) {
@@ -154,8 +155,6 @@ const char *keep_token(char **slot, time_t t, int kind, int utc, int pname = 0)
 }
 
 } // namespace
-
-extern "C" {
 
 const char *date_fmt_long_date_time(time_t t)
 {
@@ -240,5 +239,3 @@ const char *date_fmt_token_date_time_pname(time_t t)
     static char *last;
     return keep_token(&last, t, DATE_TOKEN_DATE_TIME, 0, 1);
 }
-
-} // extern "C"

@@ -6,11 +6,15 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <array>
+
 #include "ks/imsg.h"
 #include "ks/pfm.h"
 #include "ks/stg.h"
 #include "ks/strutl.h"
 #include "cmdline_internal.h"
+#include "ks_assert.h"
+#include "ks_msg.h"
 
 struct cl_word {
     int32_t len;
@@ -19,19 +23,19 @@ struct cl_word {
 
 struct cl_handle {
     uint32_t cl_magic;
-    char *strings;       // every word NUL-terminated, then one more NUL
-    int32_t size;        // bytes of the words, their NULs included
-    int32_t index;       // current word
-    char *word;          // start of the current word
-    char *pos;           // next unread character of it
-    char *eoo;           // options stop at this word
+    char *strings; // every word NUL-terminated, then one more NUL
+    int32_t size;  // bytes of the words, their NULs included
+    int32_t index; // current word
+    char *word;    // start of the current word
+    char *pos;     // next unread character of it
+    char *eoo;     // options stop at this word
     int32_t error;
     char *etext;
     char eopt[2];
     int32_t nseen;
-    char *seen;          // accepted letters, each once, in order of acceptance
-    int32_t count;       // words, the terminal empty word excluded
-    cl_word *words;      // count + 1 pairs
+    char *seen;     // accepted letters, each once, in order of acceptance
+    int32_t count;  // words, the terminal empty word excluded
+    cl_word *words; // count + 1 pairs
 };
 
 const char *cl_errlist[5] = {"", "Out of memory", "Bad option", "Duplicate or conflicting option",
@@ -42,15 +46,12 @@ int32_t cl_brkit = 0;
 
 namespace {
 
-// Indices of the scanner's texts in the ks table.
-constexpr int kMsgBadOption = 19;
-constexpr int kMsgDuplicate = 20;
-constexpr int kMsgBadArgument = 21;
-constexpr int kMsgUnknown = 22;
-constexpr int kMsgNoMemory = 23;
-
 // The catalogue texts are copied: a later catclose must not pull them away.
 constexpr size_t kTextMax = 256;
+// Longest inputs taken: the words with their NULs (and, for a line, one NUL
+// per word more) must stay within the handle's int32_t sizes.
+constexpr size_t kArgvMax = 0x7FFFFFF0u;
+constexpr size_t kLineMax = 0x3FFFFFF0u;
 char err_texts[6][kTextMax];
 bool errlist_ready = false;
 const char *unknown_text = "Unknown error";
@@ -70,12 +71,14 @@ void load_errlist()
     if (errlist_ready)
         return;
     errlist_ready = true;
-    static const int idx[5] = {-1, kMsgNoMemory, kMsgBadOption, kMsgDuplicate, kMsgBadArgument};
-    for (int i = 1; i < 5; i++) {
-        copy_text(err_texts[i], cat_extractmsg(&_ks_ks_msg_table, idx[i]));
+    // The texts of 301 to 304, in the order of cl_errlist (0 keeps "").
+    constexpr std::array<int, 5> kErrlistMsg = {-1, KS_MSG_CL_NO_MEMORY, KS_MSG_CL_BAD_OPTION,
+                                                KS_MSG_CL_DUPLICATE, KS_MSG_CL_BAD_ARGUMENT};
+    for (size_t i = 1; i < kErrlistMsg.size(); i++) {
+        copy_text(err_texts[i], cat_extractmsg(&_ks_ks_msg_table, kErrlistMsg[i]));
         cl_errlist[i] = err_texts[i];
     }
-    copy_text(err_texts[5], cat_extractmsg(&_ks_ks_msg_table, kMsgUnknown));
+    copy_text(err_texts[5], cat_extractmsg(&_ks_ks_msg_table, KS_MSG_CL_UNKNOWN));
     unknown_text = err_texts[5];
 }
 
@@ -99,8 +102,7 @@ void cl_release(void *p)
 
 void check(const cl_handle *clh)
 {
-    if (clh == nullptr || clh->cl_magic != CL_MAGIC)
-        pfm_assert_fail("clh->cl_magic == CL_MAGIC", __FILE__, __LINE__);
+    KS_ASSERT(clh != nullptr && clh->cl_magic == CL_MAGIC, "clh->cl_magic == CL_MAGIC");
 }
 
 void clear_error(cl_handle *clh)
@@ -123,10 +125,13 @@ cl_handle *new_handle(int32_t strings_size, int32_t nwords)
     if (!clh)
         return nullptr;
     memset(clh, 0, sizeof *clh);
-    clh->strings = static_cast<char *>(cl_alloc((size_t)strings_size + 1));
-    clh->seen = clh->strings ? static_cast<char *>(cl_alloc((size_t)strings_size + 1)) : nullptr;
-    clh->words = clh->seen ? static_cast<cl_word *>(cl_alloc(sizeof(cl_word) * ((size_t)nwords + 1)))
-                           : nullptr;
+    clh->strings = static_cast<char *>(cl_alloc(static_cast<size_t>(strings_size) + 1));
+    clh->seen = clh->strings ? static_cast<char *>(cl_alloc(static_cast<size_t>(strings_size) + 1))
+                             : nullptr;
+    clh->words =
+        clh->seen
+            ? static_cast<cl_word *>(cl_alloc(sizeof(cl_word) * (static_cast<size_t>(nwords) + 1)))
+            : nullptr;
     if (!clh->words) {
         cl_release(clh->seen);
         cl_release(clh->strings);
@@ -143,7 +148,7 @@ void finish_handle(cl_handle *clh, char *terminal, int32_t start)
     *terminal = '\0';
     clh->words[clh->count].len = 0;
     clh->words[clh->count].ptr = terminal;
-    clh->size = (int32_t)(terminal - clh->strings);
+    clh->size = static_cast<int32_t>(terminal - clh->strings);
     clh->eoo = terminal;
     clh->index = start > clh->count ? clh->count : start;
     clh->word = clh->words[clh->index].ptr;
@@ -175,7 +180,7 @@ bool check_letter(cl_handle *clh, const char *optstring, char c)
     clh->eopt[0] = c;
     clh->eopt[1] = '\0';
     bool in_group = false;
-    const char *group = nullptr;  // first letter of the current group
+    const char *group = nullptr; // first letter of the current group
     const char *p = optstring ? optstring : "";
     for (; *p; p++) {
         if (*p == ':')
@@ -199,13 +204,104 @@ bool check_letter(cl_handle *clh, const char *optstring, char c)
     for (const char *g = group; *g && *g != ']'; g++) {
         if (*g == ':' || *g == '[')
             continue;
-        if (memchr(clh->seen, *g, (size_t)clh->nseen) != nullptr) {
+        if (memchr(clh->seen, *g, static_cast<size_t>(clh->nseen)) != nullptr) {
             set_error(clh, CL_EDUPOPT);
             return false;
         }
     }
     return true;
 }
+
+// The words of a line, written into the handle's strings as they are read.
+// The walk is a small machine: outside or inside quotes, with a backslash
+// waiting or not.
+struct line_splitter {
+    cl_handle *clh;
+    int32_t max_words; // the estimate the pairs were sized from
+    char *out = clh->strings;
+    char *start = nullptr; // first byte of the open word
+    int32_t nwords = 0;
+    bool in_word = false;
+    bool escaped = false; // a backslash waits for the next non-space character
+    char quote = 0;
+
+    // Splits line up to its NUL or its first unescaped newline.
+    void run(const char *p)
+    {
+        while (p != nullptr && *p != '\0')
+            p = quote == 0 ? unquoted(p) : quoted(p);
+        end_word();
+    }
+
+    void end_word()
+    {
+        if (!in_word)
+            return;
+        *out++ = '\0';
+        clh->words[nwords].len = static_cast<int32_t>(out - 1 - start);
+        clh->words[nwords].ptr = start;
+        nwords++;
+        in_word = false;
+    }
+
+    // Each step takes the character at p and answers where to go on, or null
+    // where the line ends.  Outside quotes white space ends the word, even
+    // right after a backslash, whose escape then waits for the next character.
+    const char *unquoted(const char *p)
+    {
+        int space_len = 1;
+        if (ks::cmdline_is_space(p, &space_len)) {
+            if (*p == '\n' && !escaped)
+                return nullptr;
+            end_word();
+            return p + space_len;
+        }
+        if (!in_word) {
+            if (nwords >= max_words) // cannot happen: words never outnumber runs
+                return nullptr;
+            in_word = true;
+            start = out;
+        }
+        if (escaped) {
+            escaped = false;
+        } else if (*p == '\\') {
+            escaped = true;
+            return p + 1;
+        } else if (*p == '"' || *p == '\'') {
+            quote = *p;
+            return p + 1;
+        }
+        return copy(p);
+    }
+
+    // The first unescaped newline ends the line, quoted or not.
+    const char *quoted(const char *p)
+    {
+        if (escaped) {
+            escaped = false;
+        } else if (*p == '\n') {
+            return nullptr;
+        } else if (*p == '\\') {
+            escaped = true;
+            return p + 1;
+        } else if (*p == quote) {
+            quote = 0;
+            return p + 1;
+        }
+        return copy(p);
+    }
+
+    // Copies the character at p whole; ordinary characters after it need no
+    // decision, so they go in one run.
+    const char *copy(const char *p)
+    {
+        for (int n = ks::cmdline_char_len(p); n > 0; n--)
+            *out++ = *p++;
+        while (ks::cmdline_kind(p) == ks::CMDLINE_PLAIN)
+            *out++ = *p++;
+        return p;
+    }
+};
 
 } // namespace
 
@@ -218,12 +314,12 @@ cl_handle_t *cl_parse_argv(int argc, char **argv, int *error)
     size_t total = 0;
     for (int i = 0; i < argc; i++)
         total += strlen(argv[i] ? argv[i] : "") + 1;
-    if (total > 0x7FFFFFF0u) {
+    if (total > kArgvMax) {
         if (error)
             *error = CL_ENOMEM;
         return nullptr;
     }
-    cl_handle *clh = new_handle((int32_t)total, argc);
+    cl_handle *clh = new_handle(static_cast<int32_t>(total), argc);
     if (!clh) {
         if (error)
             *error = CL_ENOMEM;
@@ -234,7 +330,7 @@ cl_handle_t *cl_parse_argv(int argc, char **argv, int *error)
         const char *w = argv[i] ? argv[i] : "";
         size_t n = strlen(w);
         memcpy(out, w, n + 1);
-        clh->words[i].len = (int32_t)n;
+        clh->words[i].len = static_cast<int32_t>(n);
         clh->words[i].ptr = out;
         out += n + 1;
     }
@@ -252,91 +348,19 @@ cl_handle_t *cl_parse_line(const char *line, int *error)
     size_t len = strlen(line);
     int32_t runs = ks::cmdline_count_runs(line);
     // Each word takes at most its own input bytes plus a NUL.
-    if (len > 0x3FFFFFF0u) {
-        if (error)
-            *error = CL_ENOMEM;
-        return nullptr;
-    }
-    cl_handle *clh = new_handle((int32_t)(len + (size_t)runs + 1), runs);
+    cl_handle *clh =
+        len > kLineMax
+            ? nullptr
+            : new_handle(static_cast<int32_t>(len + static_cast<size_t>(runs) + 1), runs);
     if (!clh) {
         if (error)
             *error = CL_ENOMEM;
         return nullptr;
     }
-    char *out = clh->strings;
-    int32_t nwords = 0;
-    const char *p = line;
-    bool in_word = false;
-    bool escaped = false;  // a backslash waits for the next non-space character
-    char quote = 0;
-    char *start = nullptr;
-    for (;;) {
-        char c = *p;
-        if (c == '\0')
-            break;
-        if (quote == 0) {
-            int sl = 1;
-            if (ks::cmdline_is_space(p, &sl)) {
-                if (c == '\n' && !escaped)
-                    break;
-                if (in_word) {
-                    *out++ = '\0';
-                    clh->words[nwords].len = (int32_t)(out - 1 - start);
-                    clh->words[nwords].ptr = start;
-                    nwords++;
-                    in_word = false;
-                }
-                p += sl;
-                continue;
-            }
-            if (!in_word) {
-                if (nwords >= runs)  // cannot happen: words never outnumber runs
-                    break;
-                in_word = true;
-                start = out;
-            }
-            if (escaped) {
-                escaped = false;
-            } else if (c == '\\') {
-                escaped = true;
-                p++;
-                continue;
-            } else if (c == '"' || c == '\'') {
-                quote = c;
-                p++;
-                continue;
-            }
-        } else {
-            // The first unescaped newline ends the line, quoted or not.
-            if (escaped) {
-                escaped = false;
-            } else if (c == '\n') {
-                break;
-            } else if (c == '\\') {
-                escaped = true;
-                p++;
-                continue;
-            } else if (c == quote) {
-                quote = 0;
-                p++;
-                continue;
-            }
-        }
-        int n = ks::cmdline_char_len(p);
-        for (int i = 0; i < n; i++)
-            *out++ = *p++;
-        // Ordinary characters need no decision: copy them in one go.
-        while (ks::cmdline_kind(p) == ks::CMDLINE_PLAIN)
-            *out++ = *p++;
-    }
-    if (in_word) {
-        *out++ = '\0';
-        clh->words[nwords].len = (int32_t)(out - 1 - start);
-        clh->words[nwords].ptr = start;
-        nwords++;
-    }
-    clh->count = nwords;
-    finish_handle(clh, out, 0);
+    line_splitter split{clh, runs};
+    split.run(line);
+    clh->count = split.nwords;
+    finish_handle(clh, split.out, 0);
     return clh;
 }
 
@@ -384,12 +408,12 @@ int cl_getopt(cl_handle_t *clh, const char *optstring)
     // Only membership is ever asked of the seen letters: a letter already
     // there is not added again, so rescans after cl_setoffset cannot outgrow
     // the buffer (at most one byte per byte of the words).
-    if (memchr(clh->seen, c, (size_t)clh->nseen) == nullptr) {
+    if (memchr(clh->seen, c, static_cast<size_t>(clh->nseen)) == nullptr) {
         clh->seen[clh->nseen++] = c;
         clh->seen[clh->nseen] = '\0';
     }
     clear_error(clh);
-    return (unsigned char)c;
+    return static_cast<unsigned char>(c);
 }
 
 int cl_getopt_long(cl_handle_t *clh, const char *optstring, char **longname)
@@ -483,7 +507,7 @@ int32_t cl_getoffset(cl_handle_t *clh)
 {
     check(clh);
     clear_error(clh);
-    return (int32_t)(clh->pos - clh->strings);
+    return static_cast<int32_t>(clh->pos - clh->strings);
 }
 
 void cl_setoffset(cl_handle_t *clh, int32_t offset)
@@ -542,18 +566,12 @@ const char *cl_strerror(int code)
 {
     load_errlist();
     switch (code) {
-    case 0:
-        return cl_errlist[0];
-    case CL_ENOMEM:
-        return cl_errlist[1];
-    case CL_EBADOPT:
-        return cl_errlist[2];
-    case CL_EDUPOPT:
-        return cl_errlist[3];
-    case CL_EBADARG:
-        return cl_errlist[4];
-    default:
-        return unknown_text;
+    case 0: return cl_errlist[0];
+    case CL_ENOMEM: return cl_errlist[1];
+    case CL_EBADOPT: return cl_errlist[2];
+    case CL_EDUPOPT: return cl_errlist[3];
+    case CL_EBADARG: return cl_errlist[4];
+    default: return unknown_text;
     }
 }
 

@@ -11,7 +11,7 @@
 
 #include <string>
 
-#include "imsg_internal.h"
+#include "imsg_testing.h"
 #include "ks/date.h"
 #include "ks/imsg.h"
 #include "ks_internal.h"
@@ -75,9 +75,9 @@ void play(std::initializer_list<lookup> steps)
         ks::clock_fix(s.sec, s.usec);
         int index = s.table == &_ks_ks_msg_table ? ks_operation : 0;
         bool translated = cat_extractmsg(s.table, index) != s.table->texts[index];
-        const char *n0 = ks::imsg_catalog_slot_name(0), *n1 = ks::imsg_catalog_slot_name(1);
+        const char *n0 = ks::imsg_catalog_slot_name_for_testing(0), *n1 = ks::imsg_catalog_slot_name_for_testing(1);
         EXPECT_EQ(std::to_string(translated) + " " + (n0 ? n0 : "-") + " " + (n1 ? n1 : "-") + " " +
-                      std::to_string(ks::imsg_catalog_open_count()),
+                      std::to_string(ks::imsg_catalog_open_count_for_testing()),
                   std::to_string(s.translated) + " " + s.slots + " " + std::to_string(s.opens))
             << "step " << step++;
     }
@@ -200,7 +200,7 @@ TEST_F(Imsg, RealCatalogueMatchesTheBuiltInTexts)
             EXPECT_STREQ(text, t->texts[i]) << t->subsys << " index " << i;
             EXPECT_NE(text, t->texts[i]) << t->subsys << " index " << i << " is not from the catalogue";
         }
-    EXPECT_EQ(ks::imsg_catalog_open_count(), 1u);
+    EXPECT_EQ(ks::imsg_catalog_open_count_for_testing(), 1u);
 }
 
 // ---- prefixes ----
@@ -350,7 +350,7 @@ TEST_F(Imsg, InstalledProceduresTakeTheMessage)
         imsg_print(IMSG_INFO, "j\n", -1);
         imsg_out_fns[IMSG_ERROR] = record_proc;
         imsg_print(12, "big %d\n", -1, 3); // unknown, above 10: the procedure of IMSG_ERROR
-        printf("%d %s", ks::imsg_current_type(), seen.c_str());
+        printf("%d %s", ks::imsg_current_type_for_testing(), seen.c_str());
         return 0;
     });
     EXPECT_EQ(r.err, "mytool: Error: e\n");
@@ -386,21 +386,23 @@ TEST_F(Imsg, CommandAndDaemonLogsDrivePrinting)
     auto r = ks_test::run_in_child([&] {
         imsg_set_app_name("mytool");
         imsg_out_fns[IMSG_ERROR] = record_proc;
-        ks::imsg_log_info = {1, 0, fopen(path.c_str(), "w"), 0};
+        FILE *log = fopen(path.c_str(), "w");
+        ks::imsg_set_log_info({1, 0, log, 0});
         imsg_print(IMSG_OK, "ok\n", -1);
         imsg_print(IMSG_ERROR, "bad\n", -1);
-        ks::imsg_log_info.ref_count = 0;
-        fclose(ks::imsg_log_info.stream);
-        static char name[] = "daemon.log";
-        ks::imsg_daemon_log_name = name;
-        ks::imsg_daemon_reopen_hook = [] { reopen_calls++; };
-        ks::imsg_drain_pipes_hook = [] { drain_calls++; };
+        ks::imsg_set_log_info({0, 0, log, 0});
+        fclose(log);
+        ks::imsg_set_daemon_log_name("daemon.log");
+        ks::imsg_services s = ks::imsg_services_in_use();
+        s.reopen_daemon_log = [] { reopen_calls++; };
+        s.drain_daemon_pipes = [] { drain_calls++; };
+        ks::imsg_set_services_for_testing(s);
         ks::clock_fix(90000, 0);
         imsg_print(IMSG_OK, "even\n", -1);
         imsg_print(IMSG_OK_CONT, "odd\n", -1);
         imsg_print_time(stdout, 10);
         imsg_print_time(stdout, 11);
-        ks::imsg_daemon_suspended = true;
+        ks::imsg_set_daemon_suspended(true);
         imsg_print(IMSG_INFO, "suspended\n", -1);
         return printf("%d %d %s", reopen_calls, drain_calls, seen.c_str()) < 0;
     });
@@ -537,9 +539,9 @@ TEST_F(Imsg, AppNameErrnumFileAndClock)
     EXPECT_STREQ(imsg_get_app_name(), "noname");
     imsg_set_errnum_file(KS_SOURCE_DIR "/lib/ks/imsg.msg");
     imsg_set_errnum_file("/nonexistent/errnum"); // unreadable: nothing changes
-    EXPECT_STREQ(ks::imsg_errnum_file(), KS_SOURCE_DIR "/lib/ks/imsg.msg");
+    EXPECT_STREQ(ks::imsg_errnum_file_for_testing(), KS_SOURCE_DIR "/lib/ks/imsg.msg");
     imsg_set_errnum_file(nullptr);
-    EXPECT_STREQ(ks::imsg_errnum_file(), "errnum.imsg");
+    EXPECT_STREQ(ks::imsg_errnum_file_for_testing(), "errnum.imsg");
     EXPECT_EQ(imsg_clock(), 0u);
     uint32_t base = 41;
     imsg_set_clock_callback([](void *arg) { return *static_cast<uint32_t *>(arg) + 1; }, &base);

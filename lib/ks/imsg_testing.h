@@ -1,4 +1,4 @@
-// Internal: included by tests/imsg_test.cpp only; never installed.
+// Internal: included by tests/imsg_test.cpp and the imsg*.cpp that define these; never installed.
 // Entry points of the message layer that only its tests call.
 #ifndef KS_IMSG_TESTING_H
 #define KS_IMSG_TESTING_H

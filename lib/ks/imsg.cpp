@@ -9,7 +9,6 @@
 
 #include <ctype.h>
 #include <limits.h>
-#include <locale.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -26,12 +25,11 @@ namespace {
 
 constexpr char kDefaultAppName[] = "noname";
 constexpr char kDefaultMessageHome[] = "/opt/tamarack/ottermere";
-constexpr char kDefaultErrnumFile[] = "errnum.imsg";
 
 bool initialized;
 char *app_name;     // heap copy, or null for the default
 char *message_home; // heap copy, or null for the default
-char *errnum_file;  // heap copy, or null for the default
+char *errnum_file;  // heap copy, or null for the default "errnum.imsg"
 FILE *errnum_stream;
 imsg_clock_fn clock_fn;
 void *clock_arg;
@@ -246,11 +244,6 @@ bool imsg_io_interleave()
 bool imsg_tagging_enabled_for_testing()
 {
     return ate_enabled;
-}
-
-const char *imsg_errnum_file_for_testing()
-{
-    return errnum_file != nullptr ? errnum_file : kDefaultErrnumFile;
 }
 
 } // namespace ks

@@ -11,8 +11,6 @@ namespace ks {
 // cache slot (0 or 1; null if none).
 unsigned imsg_catalog_open_count_for_testing();
 const char *imsg_catalog_slot_name_for_testing(int slot);
-// The error-number file name in force (imsg_set_errnum_file).
-const char *imsg_errnum_file_for_testing();
 // The type of the message printed last.
 int imsg_current_type_for_testing();
 // Whether OTTERMERE_ENABLE_ATE_MESSAGES switched message tagging on.

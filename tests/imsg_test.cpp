@@ -182,17 +182,17 @@ TEST_F(Imsg, BadIndexNullTableOrNullFormatIsAnInternalError)
     EXPECT_EQ(said([] {
                   imsg_set_app_name("mytool");
                   char buf[16], *s = buf;
-                  for (int v : {int{*cat_extractmsg(&_pfm_ks_msg_table, 2)}, int{*cat_extractmsg(nullptr, 0)},
-                                imsg_print(IMSG_WARNING, &_stg_ks_msg_table, 14), imsg_print(IMSG_OK, nullptr, 3),
+                  for (int v : {int{*cat_extractmsg(&_pfm_ks_msg_table, _pfm_ks_msg_table.count)}, int{*cat_extractmsg(nullptr, 0)},
+                                imsg_print(IMSG_WARNING, &_stg_ks_msg_table, _stg_ks_msg_table.count), imsg_print(IMSG_OK, nullptr, 3),
                                 imsg_print(IMSG_OK, nullptr, -1), imsg_snprintf(buf, sizeof buf, &_list_ks_msg_table, -2),
-                                imsg_dynamic_len_snprintf(&s, 10, 100, &_rt_ks_msg_table, 9)})
+                                imsg_dynamic_len_snprintf(&s, 10, 100, &_rt_ks_msg_table, _rt_ks_msg_table.count)})
                       printf("%d", v);
                   return printf("%d", s == nullptr) < 0;
               }),
-              "00-1-1-1-1-11|" + tbl("cat_extractmsg", &_pfm_ks_msg_table, 2) + tbl("cat_extractmsg", nullptr, 0) +
-                  tbl("vsprintf", &_stg_ks_msg_table, 14) + tbl("print_sharedv", nullptr, 3) +
+              "00-1-1-1-1-11|" + tbl("cat_extractmsg", &_pfm_ks_msg_table, _pfm_ks_msg_table.count) + tbl("cat_extractmsg", nullptr, 0) +
+                  tbl("vsprintf", &_stg_ks_msg_table, _stg_ks_msg_table.count) + tbl("print_sharedv", nullptr, 3) +
                   "mytool: Error: IMSG Internal error (vsprintf/NOMSG) - NULL Message.\n" +
-                  tbl("vsprintf", &_list_ks_msg_table, -2) + tbl("vsprintf", &_rt_ks_msg_table, 9));
+                  tbl("vsprintf", &_list_ks_msg_table, -2) + tbl("vsprintf", &_rt_ks_msg_table, _rt_ks_msg_table.count));
 }
 
 // The output buffer (16384 bytes at first) grows to fit a long prefix or

@@ -1,6 +1,10 @@
 /* Compiled as C99 with -pedantic: every public header must be plain C.
- * Calls into each module through the shared library's C entry points. */
+ * Calls into each module through the shared library's C entry points.
+ * Strict ISO C sees no POSIX names: the clean-up records need sigsetjmp. */
+#define _POSIX_C_SOURCE 200809L
+
 #include "ks_all_headers.h"
+#include "ks_msg.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -48,7 +52,7 @@ int main(int argc, char **argv)
     s = stg_area_strdup(area, "frame");
     CHECK(s != NULL && strcmp(s, "frame") == 0);
 
-    CHECK(imsg_snprintf(buf, sizeof buf, &_ks_ks_msg_table, 2, "open", "gone") == 21);
+    CHECK(imsg_snprintf(buf, sizeof buf, &_ks_ks_msg_table, KS_MSG_OPERATION, "open", "gone") == 21);
     CHECK(strcmp(buf, "Operation open: gone\n") == 0);
 
     pfm_inhibit();

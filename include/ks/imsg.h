@@ -38,12 +38,12 @@ enum {
 
 /* One module's message table (built from its .msg file). */
 typedef struct imsg_msg_table {
-    const char *catalog;        /* "ks_lib" */
-    const char *subsys;         /* name shown in traces and the capture log */
-    int16_t set;                /* catalogue set */
-    int16_t count;              /* number of messages */
-    const char *const *texts;   /* built-in texts, printf formats */
-    const int16_t *numbers;     /* catalogue message number of each entry */
+    const char *catalog;      /* "ks_lib" */
+    const char *subsys;       /* name shown in traces and the capture log */
+    int16_t set;              /* catalogue set */
+    int16_t count;            /* number of messages */
+    const char *const *texts; /* built-in texts, printf formats */
+    const int16_t *numbers;   /* catalogue message number of each entry */
 } imsg_msg_table_t;
 
 KS_END_DECLS
@@ -74,7 +74,8 @@ KS_API int32_t imsg_print(int type, const void *table, int index, ...);
 /* imsg_print under a caller-chosen subsystem name (shown with PRINT_SUBSYS). */
 KS_API int32_t imsg_print_shared(int type, const char *subsys, const void *table, int index, ...);
 /* Argument-list form of imsg_print_shared. */
-KS_API int32_t imsg_print_sharedv(int type, const char *subsys, const void *table, int index, va_list ap);
+KS_API int32_t imsg_print_sharedv(int type, const char *subsys, const void *table, int index,
+                                  va_list ap);
 /* The formatter behind every print call; with_subsys picks the prefix form. */
 KS_API int32_t imsg_print_sharedv_util(int type, int with_subsys, const char *subsys,
                                        const void *table, int index, va_list ap);
@@ -104,7 +105,8 @@ KS_API int imsg_sprintf(char *buf, const void *table, int index, ...);
 KS_API int imsg_vsprintf(char *buf, const void *table, int index, va_list ap);
 /* As imsg_snprintf with message tagging allowed (plain while tagging is off). */
 KS_API int imsg_snprintf_taggable(char *buf, size_t size, const void *table, int index, ...);
-KS_API int imsg_vsnprintf_taggable(char *buf, size_t size, const void *table, int index, va_list ap);
+KS_API int imsg_vsnprintf_taggable(char *buf, size_t size, const void *table, int index,
+                                   va_list ap);
 /* A message with the prefix of the given type (trace time stamp included,
  * no subsystem form) followed by its text, formatted into buf (size 0:
  * unbounded); count as snprintf, or -1. */
@@ -112,8 +114,8 @@ KS_API int imsg_snprintf_type(char *buf, size_t size, int type, const void *tabl
 /* Formats into a buffer grown from start_size up to max_size; *result is
  * freed with free.  Returns the count, or -1: bad sizes or no memory leave
  * *result alone; a bad message or a text longer than max_size set it null. */
-KS_API int imsg_dynamic_len_snprintf(char **result, int start_size, int max_size,
-                                     const void *table, int index, ...);
+KS_API int imsg_dynamic_len_snprintf(char **result, int start_size, int max_size, const void *table,
+                                     int index, ...);
 KS_API int imsg_dynamic_len_vsnprintf(char **result, int start_size, int max_size,
                                       const void *table, int index, va_list ap);
 

@@ -9,11 +9,9 @@
 #include <netinet/in.h>
 
 #include "ks/ks_common.h"
+#include "ks/fileutl.h" /* KS_PATH_BUF, the size of the buffers handed in here */
 
 KS_BEGIN_DECLS
-
-/* Size of the path buffers handed to ks_hostdata_dir and ks_host_config_dir. */
-#define KS_PATH_BUF 1024
 
 /* First call: fault management, the user's locale (if in "C"), descriptor limit; 1. Later: 0. */
 KS_API int32_t ks_system_init(void);

@@ -28,18 +28,16 @@ KS_BEGIN_DECLS
 
 typedef void (*pfm_signal_t)(int sig);
 
-/* The jump buffer saves the signal mask.  A strict ISO C build (-std=c99)
- * does not see the POSIX names, but glibc's sigjmp_buf is the same record as
- * jmp_buf and __sigsetjmp is always declared. */
-#if defined(__GLIBC__) && !defined(__USE_POSIX)
-typedef jmp_buf pfm_sigjmp_buf_t;
-#define PFM_SIGSETJMP(env, savemask) __sigsetjmp((env), (savemask))
-#else
+/* The jump buffer saves the signal mask: sigjmp_buf and sigsetjmp are POSIX,
+ * so a program built as strict ISO C (-std=c99) defines _POSIX_C_SOURCE
+ * (200809L, or _XOPEN_SOURCE) before its first include. */
+#if !defined(_POSIX_C_SOURCE) && !defined(__cplusplus)
+#error "ks/pfm.h uses sigsetjmp: define _POSIX_C_SOURCE before the first include"
+#endif
 typedef sigjmp_buf pfm_sigjmp_buf_t;
 #define PFM_SIGSETJMP(env, savemask) sigsetjmp((env), (savemask))
-#endif
 
-#define MAGIC_SET 0xFA01BEEFu     /* armed, on the chain */
+#define MAGIC_SET     0xFA01BEEFu /* armed, on the chain */
 #define MAGIC_TRIPPED 0x05FE4110u /* taken off the chain */
 
 /* Unwind value of an interrupt (SIGINT, SIGHUP, SIGTERM). */
@@ -57,11 +55,17 @@ typedef struct pfm_cleanup_rec {
 } pfm_cleanup_t;
 
 /* Arms rec (0) or reports the value an unwind brought back to it. */
-#define PFM_CLEANUP_START(rec, inhibit) \
+#define PFM_CLEANUP_START(rec, inhibit)                                                            \
     ((rec)->value = PFM_SIGSETJMP((rec)->jmpbuf, 1), pfm_cleanup_start((rec), (inhibit)))
 
-/* Fails with the expression text, the source name and the line. */
+/* Fails with the expression text, the source's name and the line.  The name
+ * is the file's own, without its directories, where the compiler knows it
+ * (__FILE_NAME__: GCC 12, clang); else the path the build gave. */
+#ifdef __FILE_NAME__
+#define PFM_ASSERT(expr) ((expr) ? (void)0 : pfm_assert_fail(#expr, __FILE_NAME__, __LINE__))
+#else
 #define PFM_ASSERT(expr) ((expr) ? (void)0 : pfm_assert_fail(#expr, __FILE__, __LINE__))
+#endif
 
 typedef void (*pfm_exit_handler_t)(int status, void *arg);
 typedef void (*pfm_exit_routine_t)(int status);

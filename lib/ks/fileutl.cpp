@@ -3,7 +3,7 @@
 
 #include <sys/stat.h>
 
-extern "C" int fileutl_exists(const char *path, int no_follow)
+int fileutl_exists(const char *path, int no_follow)
 {
     struct stat st;
     if (path == nullptr)

@@ -18,6 +18,7 @@ time_t clock_time();
 void clock_fix(time_t sec, long usec);
 void clock_release();
 
+// Defined by the fault manager (pfm.cpp), for the layers above it.
 // Inhibits signal delivery (as pfm_inhibit) when fault management is running
 // and answers true; the caller then ends with pfm_enable.  Answers false,
 // doing nothing, before pfm_init: no unwind can come then, and a plain

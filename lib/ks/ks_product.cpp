@@ -14,21 +14,13 @@
 #include "ks/stg.h"
 #include "ks/strutl.h"
 #include "ks/sysutl.h"
+#include "ks_msg.h"
 
 namespace {
 
-// Indices of the shared table's messages used here.
-enum {
-    MSG_OPERATION = 2,         // "Operation %s: %s\n"
-    MSG_NOT_INSTALLED = 8,     // "This product is not installed correctly.\n", in bold
-    MSG_NO_HOSTDATA = 9,       // "Can't find host data directory, tried: ..."
-    MSG_NO_STORAGE = 15,       // "Unable to allocate storage.\n"
-    MSG_APPLICATION_EXIT = 27, // "The application will exit ... "
-};
-
-const char *const product_dir_evs[] = {"OTTERMEREHOME", "ORVINHOME", nullptr};
-const char *const hostdata_dirs[] = {"/var/adm/tamarack/ottermere", "/var/adm/orvin", nullptr};
-const char default_home[] = "/opt/tamarack/ottermere";
+constexpr const char *kProductDirEvs[] = {"OTTERMEREHOME", "ORVINHOME"};
+constexpr const char *kHostdataDirs[] = {"/var/adm/tamarack/ottermere", "/var/adm/orvin"};
+constexpr char kDefaultHome[] = "/opt/tamarack/ottermere";
 
 int32_t ks_system_initialized;
 const char *product_home;
@@ -59,13 +51,14 @@ const char *home()
         return product_home;
     // Presence counts: a variable set to the empty string is taken as it is.
     const char *chosen = nullptr;
-    for (int i = 0; product_dir_evs[i] != nullptr && chosen == nullptr; i++)
-        chosen = getenv(product_dir_evs[i]);
+    for (const char *name : kProductDirEvs)
+        if (chosen == nullptr)
+            chosen = getenv(name);
     if (chosen == nullptr)
-        chosen = default_home;
+        chosen = kDefaultHome;
     char *copy = stg_strdup(chosen);
     if (copy == nullptr) {
-        imsg_print(IMSG_WARNING, &_ks_ks_msg_table, MSG_NO_STORAGE);
+        imsg_print(IMSG_WARNING, &_ks_ks_msg_table, KS_MSG_NO_STORAGE);
         product_home = chosen;
     } else {
         product_home = copy;
@@ -80,21 +73,19 @@ int32_t read_switch(switch_state &sw)
     char name[64];
     snprintf(name, sizeof name, "ORVIN_%s", sw.suffix);
     const char *value = getenv(name);
-    if (value == nullptr)
-        sw.value = 0;
-    else if (*value == '\0' && !sw.empty_is_on)
+    if (value == nullptr || (*value == '\0' && !sw.empty_is_on))
         sw.value = 0;
     else if (*value < '0' || *value > '9')
         sw.value = 1; // any word ("yes", "true", even "false") turns it on
     else
-        sw.value = atoi(value) != 0;
+        sw.value = atoi(value) != 0 ? 1 : 0;
     sw.read = true;
     return sw.value;
 }
 
 int32_t publish_switch(switch_state &sw, int32_t flag)
 {
-    snprintf(sw.assignment, sizeof sw.assignment, "ORVIN_%s=%s", sw.suffix, flag ? "1" : "");
+    snprintf(sw.assignment, sizeof sw.assignment, "ORVIN_%s=%s", sw.suffix, flag != 0 ? "1" : "");
     return putenv(sw.assignment) != 0;
 }
 
@@ -102,25 +93,25 @@ int32_t publish_switch(switch_state &sw, int32_t flag)
 void find_hostdata_dir(char *buf)
 {
     buf[0] = '\0';
-    for (int i = 0; hostdata_dirs[i] != nullptr; i++)
-        if (fileutl_exists(hostdata_dirs[i], 0)) {
-            strutl_cpy_buf(buf, KS_PATH_BUF, hostdata_dirs[i]);
+    for (const char *dir : kHostdataDirs)
+        if (fileutl_exists(dir, 0) != 0) {
+            strutl_cpy_buf(buf, KS_PATH_BUF, dir);
             return;
         }
     const char *env = getenv("OTTER_HOSTDATA_DIR");
-    if (env != nullptr && fileutl_exists(env, 0)) {
+    if (env != nullptr && fileutl_exists(env, 0) != 0) {
         strncpy(buf, env, KS_PATH_BUF - 1);
         buf[KS_PATH_BUF - 1] = '\0';
     }
     if (buf[0] != '\0')
         return;
-    imsg_print(IMSG_ERROR, &_ks_ks_msg_table, MSG_NOT_INSTALLED);
-    for (int i = 0; hostdata_dirs[i] != nullptr; i++)
-        imsg_print(IMSG_ERROR, &_ks_ks_msg_table, MSG_NO_HOSTDATA, hostdata_dirs[i]);
-    if (imsg_in_gui()) {
+    imsg_print(IMSG_ERROR, &_ks_ks_msg_table, KS_MSG_NOT_INSTALLED);
+    for (const char *dir : kHostdataDirs)
+        imsg_print(IMSG_ERROR, &_ks_ks_msg_table, KS_MSG_NO_HOSTDATA, dir);
+    if (imsg_in_gui() != 0) {
         // Tell the user why the window is about to close.
         char notice[KS_PATH_BUF];
-        imsg_snprintf(notice, sizeof notice, &_ks_ks_msg_table, MSG_APPLICATION_EXIT);
+        imsg_snprintf(notice, sizeof notice, &_ks_ks_msg_table, KS_MSG_APPLICATION_EXIT);
         imsg_prompt_proceed(IMSG_ERROR, notice, 2, 2);
     }
     pfm_exit(2);
@@ -128,11 +119,9 @@ void find_hostdata_dir(char *buf)
 
 } // namespace
 
-extern "C" {
-
 int32_t ks_system_init(void)
 {
-    if (ks_system_initialized)
+    if (ks_system_initialized != 0)
         return 0;
     pfm_init();
     const char *current = setlocale(LC_ALL, nullptr);
@@ -178,7 +167,7 @@ char *ks_hostdata_dir(char *buf, const char *first, const char *second)
         find_hostdata_dir(buf);
         hostdata_dir = stg_strdup(buf);
         if (hostdata_dir == nullptr)
-            imsg_print(IMSG_WARNING, &_ks_ks_msg_table, MSG_OPERATION, "stg_strdup",
+            imsg_print(IMSG_WARNING, &_ks_ks_msg_table, KS_MSG_OPERATION, "stg_strdup",
                        imsg_strerror(errno));
     }
     if (first != nullptr)
@@ -193,14 +182,35 @@ char *ks_host_config_dir(char *buf, const char *name)
     return ks_hostdata_dir(buf, "config", name);
 }
 
-int32_t ks_force_gui(void) { return read_switch(force_gui_sw); }
-int32_t ks_web_gui(void) { return read_switch(web_gui_sw); }
-int32_t ks_web_otterprompt(void) { return read_switch(web_otterprompt_sw); }
-int32_t ks_no_bold(void) { return read_switch(no_bold_sw); }
+int32_t ks_force_gui(void)
+{
+    return read_switch(force_gui_sw);
+}
+int32_t ks_web_gui(void)
+{
+    return read_switch(web_gui_sw);
+}
+int32_t ks_web_otterprompt(void)
+{
+    return read_switch(web_otterprompt_sw);
+}
+int32_t ks_no_bold(void)
+{
+    return read_switch(no_bold_sw);
+}
 
-int32_t ks_set_force_gui(int32_t flag) { return publish_switch(force_gui_sw, flag); }
-int32_t ks_set_web_gui(int32_t flag) { return publish_switch(web_gui_sw, flag); }
-int32_t ks_set_web_otterprompt(int32_t flag) { return publish_switch(web_otterprompt_sw, flag); }
+int32_t ks_set_force_gui(int32_t flag)
+{
+    return publish_switch(force_gui_sw, flag);
+}
+int32_t ks_set_web_gui(int32_t flag)
+{
+    return publish_switch(web_gui_sw, flag);
+}
+int32_t ks_set_web_otterprompt(int32_t flag)
+{
+    return publish_switch(web_otterprompt_sw, flag);
+}
 
 int32_t ks_remote_prompt(struct sockaddr_in *addr)
 {
@@ -231,17 +241,28 @@ int32_t ks_remote_prompt(struct sockaddr_in *addr)
 
 int32_t ks_set_remote_prompt(struct sockaddr_in addr)
 {
-    int n = snprintf(remote_prompt_assignment, sizeof remote_prompt_assignment, "ORVIN_REMOTE_PROMPT=");
+    int n =
+        snprintf(remote_prompt_assignment, sizeof remote_prompt_assignment, "ORVIN_REMOTE_PROMPT=");
     if (addr.sin_port != 0)
         snprintf(remote_prompt_assignment + n, sizeof remote_prompt_assignment - n, "%hu,%s",
                  ntohs(addr.sin_port), inet_ntoa(addr.sin_addr));
     return putenv(remote_prompt_assignment) != 0;
 }
 
-int32_t ks_connected(void) { return 1; }
-void ks_set_connected(int32_t flag) { (void)flag; }
+int32_t ks_connected(void)
+{
+    return 1;
+}
+void ks_set_connected(int32_t flag)
+{
+    (void)flag;
+}
 void ks_disable_long_path(void) {}
-void ks_enable_rmview_full_cr_check(void) { rmview_full_cr_check = 1; }
-int32_t ks_is_enabled_rmview_full_cr_check(void) { return rmview_full_cr_check; }
-
-} // extern "C"
+void ks_enable_rmview_full_cr_check(void)
+{
+    rmview_full_cr_check = 1;
+}
+int32_t ks_is_enabled_rmview_full_cr_check(void)
+{
+    return rmview_full_cr_check;
+}

@@ -4,9 +4,7 @@
 //
 // Everything here can be reached from a signal handler or crossed by a
 // siglongjmp, so the module holds no object with a destructor.
-
 #include "ks/pfm.h"
-#include "ks_internal.h"
 
 #include <errno.h>
 #include <signal.h>
@@ -17,16 +15,14 @@
 #include <unistd.h>
 
 #include "ks/imsg.h"
+#include "ks_assert.h"
+#include "ks_internal.h"
+#include "pfm_internal.h"
+#include "pfm_msg.h"
 
 namespace {
 
-// Name passed with every check of this module.
-const char kSource[] = "pfm.cpp";
-
 constexpr int kNsig = 48;
-
-// A check of this module: the text is the expression as the module states it.
-#define PFM_CHECK(cond, text) ((cond) ? (void)0 : pfm_assert_fail((text), kSource, __LINE__))
 
 struct on_exit_entry {
     pfm_exit_handler_t proc;
@@ -34,8 +30,8 @@ struct on_exit_entry {
     struct on_exit_entry *next;
 };
 
-const int synchronous_signals[5] = {SIGFPE, SIGILL, SIGSEGV, SIGBUS, SIGTRAP};
-const int user_signals[4] = {SIGINT, SIGQUIT, SIGTERM, SIGTSTP};
+constexpr int kSynchronousSignals[5] = {SIGFPE, SIGILL, SIGSEGV, SIGBUS, SIGTRAP};
+constexpr int kUserSignals[4] = {SIGINT, SIGQUIT, SIGTERM, SIGTSTP};
 
 bool pfm_inited = false;
 pfm_signal_t handler_sigvec[kNsig];
@@ -53,16 +49,24 @@ volatile sig_atomic_t pfm_select_sleeping = 0;
 pfm_cleanup_t *volatile cl_rec_root = nullptr;
 on_exit_entry *volatile on_exit_list = nullptr;
 pfm_exit_routine_t saved_exit_routine = exit;
-// Set while a panic or assertion prints, so that a fault in printing ends quietly.
+// Set while a panic or assertion prints: the message layer asserts through
+// this module too (out of memory for its buffer), so a fault in printing
+// comes back here and must not print again.
 volatile sig_atomic_t aborting = 0;
 
-bool is_procedure(pfm_signal_t h) { return h != SIG_DFL && h != SIG_IGN && h != (pfm_signal_t)SIG_ERR; }
+bool is_procedure(pfm_signal_t h)
+{
+    return h != SIG_DFL && h != SIG_IGN && h != reinterpret_cast<pfm_signal_t>(SIG_ERR);
+}
 
-bool is_member(const sigset_t *set, int sig) { return sigismember(set, sig) == 1; }
+bool is_member(const sigset_t *set, int sig)
+{
+    return sigismember(set, sig) == 1;
+}
 
 bool is_synchronous(int sig)
 {
-    for (int s : synchronous_signals)
+    for (int s : kSynchronousSignals)
         if (s == sig)
             return true;
     return false;
@@ -81,7 +85,10 @@ void run_exit_handlers(int status)
     }
 }
 
-void run_exit_handlers_at_exit() { run_exit_handlers(0); }
+void run_exit_handlers_at_exit()
+{
+    run_exit_handlers(0);
+}
 
 // Unwinds to the innermost clean-up record, or ends the process when there is none.
 KS_NORETURN void unwind(int value)
@@ -107,9 +114,9 @@ void write_inhibited_warning(int sig)
     n += sizeof head - 1;
     char digits[12];
     int nd = 0;
-    unsigned v = sig < 0 ? 0u - (unsigned)sig : (unsigned)sig;
+    unsigned v = sig < 0 ? 0U - static_cast<unsigned>(sig) : static_cast<unsigned>(sig);
     do {
-        digits[nd++] = (char)('0' + v % 10);
+        digits[nd++] = static_cast<char>('0' + v % 10);
         v /= 10;
     } while (v != 0);
     if (sig < 0)
@@ -136,15 +143,16 @@ void pfm_signal_handler(int sig)
 {
     int saved_errno = errno;
     pfm_signal_t h = handler_sigvec[sig - 1];
-    PFM_CHECK(h != SIG_DFL, "handler_sigvec[sig-1] != (pfm_signal_t)SIG_DFL");
-    PFM_CHECK(h != SIG_IGN, "handler_sigvec[sig-1] != (pfm_signal_t)SIG_IGN");
+    KS_ASSERT(h != SIG_DFL, "handler_sigvec[sig-1] != (pfm_signal_t)SIG_DFL");
+    KS_ASSERT(h != SIG_IGN, "handler_sigvec[sig-1] != (pfm_signal_t)SIG_IGN");
 
     // The faults cannot wait: returning would only repeat the fault.
-    if ((pfm_inh_count == 0 && !(sig == SIGTSTP && pfm_inh_susp_count > 0)) || is_synchronous(sig)) {
+    if ((pfm_inh_count == 0 && !(sig == SIGTSTP && pfm_inh_susp_count > 0)) ||
+        is_synchronous(sig)) {
         if (is_member(&deferred_signals, sig)) {
             sigdelset(&deferred_signals, sig);
             pfm_pending_count = pfm_pending_count - 1;
-            PFM_CHECK(pfm_pending_count >= 0, "--pfm_pending_count >= 0");
+            KS_ASSERT(pfm_pending_count >= 0, "--pfm_pending_count >= 0");
         }
         h(sig);
         errno = saved_errno;
@@ -179,7 +187,7 @@ void deliver_deferred()
 {
     if (pfm_pending_count == 0)
         return;
-    PFM_CHECK(pfm_inh_count == 0, "pfm_inh_count == 0");
+    KS_ASSERT(pfm_inh_count == 0, "pfm_inh_count == 0");
     sigset_t old;
     sigprocmask(SIG_BLOCK, &all_async_signals, &old);
     last_inh_signal = 0;
@@ -190,7 +198,7 @@ void deliver_deferred()
             continue;
         sigdelset(&deferred_signals, sig);
         pfm_pending_count = pfm_pending_count - 1;
-        PFM_CHECK(pfm_pending_count >= 0, "--pfm_pending_count >= 0");
+        KS_ASSERT(pfm_pending_count >= 0, "--pfm_pending_count >= 0");
         pfm_signal_t h = handler_sigvec[sig - 1];
         if (is_procedure(h))
             h(sig);
@@ -201,7 +209,10 @@ void deliver_deferred()
 }
 
 // SIGINT, SIGHUP and SIGTERM: unwind as an interrupt.
-void quit_catcher(int) { unwind(PFM_INTERRUPT); }
+void quit_catcher(int)
+{
+    unwind(PFM_INTERRUPT);
+}
 
 // SIGTSTP: stop for real, then put the catcher back once continued.
 void suspend_catcher(int sig)
@@ -228,7 +239,8 @@ void write_plain(const char *format, const char *expr, const char *source, int l
     int n = expr != nullptr ? snprintf(buf, sizeof buf, format, expr, source, line)
                             : snprintf(buf, sizeof buf, format, source, line);
     if (n > 0) {
-        ssize_t w = write(2, buf, (size_t)n < sizeof buf ? (size_t)n : sizeof buf - 1);
+        ssize_t w = write(
+            2, buf, static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n) : sizeof buf - 1);
         (void)w;
     }
 }
@@ -241,13 +253,63 @@ void ensure_init()
 
 } // namespace
 
-bool ks::pfm_hold()
+namespace ks {
+
+bool pfm_hold()
 {
     if (!pfm_inited)
         return false;
     pfm_inh_count = pfm_inh_count + 1;
     return true;
 }
+
+pfm_signal_t pfm_library_handler(int sig)
+{
+    ensure_init();
+    if (sig < 1 || sig > kNsig)
+        return reinterpret_cast<pfm_signal_t>(SIG_ERR);
+    return handler_sigvec[sig - 1];
+}
+
+pfm_signal_t pfm_replace_library_handler(int sig, pfm_signal_t handler)
+{
+    ensure_init();
+    if (sig >= 1 && sig <= kNsig && is_procedure(handler) &&
+        is_procedure(handler_sigvec[sig - 1]) && routed[sig - 1]) {
+        pfm_signal_t prev = handler_sigvec[sig - 1];
+        handler_sigvec[sig - 1] = handler;
+        return prev;
+    }
+    return pfm_signal(sig, handler);
+}
+
+bool pfm_signal_pending(int sig)
+{
+    return sig >= 1 && sig <= kNsig && is_member(&deferred_signals, sig);
+}
+
+bool pfm_clear_pending(int sig)
+{
+    ensure_init();
+    if (sig < 1 || sig > kNsig)
+        return false;
+    sigset_t old;
+    sigprocmask(SIG_BLOCK, &all_async_signals, &old);
+    bool was_pending = is_member(&deferred_signals, sig);
+    if (was_pending) {
+        sigdelset(&deferred_signals, sig);
+        pfm_pending_count = pfm_pending_count - 1;
+    }
+    sigprocmask(SIG_SETMASK, &old, nullptr);
+    return was_pending;
+}
+
+int pfm_pending_signal_count()
+{
+    return pfm_pending_count;
+}
+
+} // namespace ks
 
 void pfm_init(void)
 {
@@ -264,10 +326,10 @@ void pfm_init(void)
         routed[sig - 1] = false;
     }
     sigfillset(&all_async_signals);
-    for (int s : synchronous_signals)
+    for (int s : kSynchronousSignals)
         sigdelset(&all_async_signals, s);
     sigemptyset(&all_user_signals);
-    for (int s : user_signals)
+    for (int s : kUserSignals)
         sigaddset(&all_user_signals, s);
     sigemptyset(&deferred_signals);
     pfm_inited = true;
@@ -290,9 +352,9 @@ pfm_signal_t pfm_signal(int sig, pfm_signal_t handler)
 {
     ensure_init();
     // SIG_ERR is no procedure: the common handler would jump to it.
-    if (sig < 1 || sig > kNsig || handler == (pfm_signal_t)SIG_ERR) {
+    if (sig < 1 || sig > kNsig || handler == reinterpret_cast<pfm_signal_t>(SIG_ERR)) {
         errno = EINVAL;
-        return (pfm_signal_t)SIG_ERR;
+        return reinterpret_cast<pfm_signal_t>(SIG_ERR);
     }
     sigset_t just, old;
     sigemptyset(&just);
@@ -317,7 +379,7 @@ pfm_signal_t pfm_signal(int sig, pfm_signal_t handler)
     sigprocmask(SIG_SETMASK, &old, nullptr);
     if (rc != 0) {
         errno = saved_errno;
-        return (pfm_signal_t)SIG_ERR;
+        return reinterpret_cast<pfm_signal_t>(SIG_ERR);
     }
     return prev;
 }
@@ -353,7 +415,7 @@ void pfm_enable(void)
     pfm_inh_count = inh_count;
     if (inh_count > 0)
         return;
-    PFM_CHECK(inh_count >= 0, "inh_count >= 0");
+    KS_ASSERT(inh_count >= 0, "inh_count >= 0");
     deliver_deferred();
 }
 
@@ -369,16 +431,25 @@ void pfm_enable_suspend(void)
     pfm_inh_susp_count = pfm_inh_susp_count - 1;
     if (pfm_inh_susp_count > 0)
         return;
-    PFM_CHECK(pfm_inh_susp_count >= 0, "pfm_inh_susp_count >= 0");
+    KS_ASSERT(pfm_inh_susp_count >= 0, "pfm_inh_susp_count >= 0");
     if (pfm_inh_count == 0)
         deliver_deferred();
 }
 
-int pfm_inhibit_count(void) { return pfm_inh_count; }
+int pfm_inhibit_count(void)
+{
+    return pfm_inh_count;
+}
 
-int pfm_inhibit_suspend_count(void) { return pfm_inh_susp_count; }
+int pfm_inhibit_suspend_count(void)
+{
+    return pfm_inh_susp_count;
+}
 
-int pfm_blocked_count(void) { return pfm_pending_count; }
+int pfm_blocked_count(void)
+{
+    return pfm_pending_count;
+}
 
 int pfm_cleanup_start(pfm_cleanup_t *cl_rec, int inhibit)
 {
@@ -393,7 +464,7 @@ int pfm_cleanup_start(pfm_cleanup_t *cl_rec, int inhibit)
         // pushed twice: the chain would loop.
         if (cl_rec->magic == MAGIC_SET)
             for (pfm_cleanup_t *cl_tmp = cl_rec_root; cl_tmp != nullptr; cl_tmp = cl_tmp->prev)
-                PFM_CHECK(cl_tmp != cl_rec, "cl_tmp != cl_rec");
+                KS_ASSERT(cl_tmp != cl_rec, "cl_tmp != cl_rec");
         cl_rec->magic = MAGIC_SET;
         cl_rec->prev = cl_rec_root;
         cl_rec_root = cl_rec;
@@ -404,9 +475,9 @@ int pfm_cleanup_start(pfm_cleanup_t *cl_rec, int inhibit)
 
     // An unwind landed here: the clean-up code runs one level above the
     // depth saved at arming.
-    PFM_CHECK(cl_rec == cl_rec_root && cl_rec->magic == MAGIC_SET,
+    KS_ASSERT(cl_rec == cl_rec_root && cl_rec->magic == MAGIC_SET,
               "cl_rec == cl_rec_root && cl_rec->magic == MAGIC_SET");
-    PFM_CHECK(pfm_inh_count >= cl_rec->inh, "pfm_inh_count >= cl_rec->inh");
+    KS_ASSERT(pfm_inh_count >= cl_rec->inh, "pfm_inh_count >= cl_rec->inh");
     if (pfm_inh_count == cl_rec->inh) {
         pfm_inh_count = pfm_inh_count + 1;
     } else {
@@ -416,7 +487,7 @@ int pfm_cleanup_start(pfm_cleanup_t *cl_rec, int inhibit)
                 deliver_deferred();
         }
     }
-    PFM_CHECK(pfm_inh_susp_count >= cl_rec->inh_susp, "pfm_inh_susp_count >= cl_rec->inh_susp");
+    KS_ASSERT(pfm_inh_susp_count >= cl_rec->inh_susp, "pfm_inh_susp_count >= cl_rec->inh_susp");
     while (pfm_inh_susp_count > cl_rec->inh_susp)
         pfm_enable_suspend();
     cl_rec_root = cl_rec->prev;
@@ -426,7 +497,7 @@ int pfm_cleanup_start(pfm_cleanup_t *cl_rec, int inhibit)
 
 int pfm_cleanup_rls(pfm_cleanup_t *cl_rec)
 {
-    PFM_CHECK(cl_rec == cl_rec_root && cl_rec->magic == MAGIC_SET,
+    KS_ASSERT(cl_rec == cl_rec_root && cl_rec->magic == MAGIC_SET,
               "cl_rec == cl_rec_root && cl_rec->magic == MAGIC_SET");
     cl_rec_root = cl_rec->prev;
     cl_rec->magic = MAGIC_TRIPPED;
@@ -435,7 +506,7 @@ int pfm_cleanup_rls(pfm_cleanup_t *cl_rec)
 
 int pfm_cleanup_reset(pfm_cleanup_t *cl_rec)
 {
-    PFM_CHECK(cl_rec->magic == MAGIC_TRIPPED, "cl_rec->magic == MAGIC_TRIPPED");
+    KS_ASSERT(cl_rec->magic == MAGIC_TRIPPED, "cl_rec->magic == MAGIC_TRIPPED");
     cl_rec->magic = MAGIC_SET;
     cl_rec->prev = cl_rec_root;
     cl_rec_root = cl_rec;
@@ -449,8 +520,9 @@ void pfm_on_exit(pfm_exit_handler_t fn, void *arg)
     // No procedure, nothing to run: an empty entry would only crash the exit.
     if (fn == nullptr)
         return;
-    struct on_exit_entry *entry = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry));
-    PFM_CHECK(entry != nullptr, "(new = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry))) != NULL");
+    auto *entry = static_cast<on_exit_entry *>(malloc(sizeof(on_exit_entry)));
+    KS_ASSERT(entry != nullptr,
+              "(new = (struct on_exit_entry *)malloc(sizeof(struct on_exit_entry))) != NULL");
     entry->proc = fn;
     entry->arg = arg;
     entry->next = on_exit_list;
@@ -476,7 +548,7 @@ int pfm_select_inhibited(int nfds, ks_fd_set *readfds, ks_fd_set *writefds, ks_f
                          struct timeval *timeout)
 {
     ensure_init();
-    PFM_CHECK(pfm_inh_count == 1, "pfm_inh_count == 1");
+    KS_ASSERT(pfm_inh_count == 1, "pfm_inh_count == 1");
 
     pfm_cleanup_t rec;
     if (PFM_CLEANUP_START(&rec, 0) == 0) {
@@ -488,7 +560,8 @@ int pfm_select_inhibited(int nfds, ks_fd_set *readfds, ks_fd_set *writefds, ks_f
             return -1;
         }
         // The sets hold KS_FD_SETSIZE descriptors; the kernel must not read past them.
-        int n = select(nfds > KS_FD_SETSIZE ? KS_FD_SETSIZE : nfds, reinterpret_cast<fd_set *>(readfds), reinterpret_cast<fd_set *>(writefds),
+        int n = select(nfds > KS_FD_SETSIZE ? KS_FD_SETSIZE : nfds,
+                       reinterpret_cast<fd_set *>(readfds), reinterpret_cast<fd_set *>(writefds),
                        reinterpret_cast<fd_set *>(exceptfds), timeout);
         int saved_errno = errno;
         pfm_select_sleeping = 0;
@@ -514,9 +587,9 @@ void pfm_panic(const char *source, int line)
 {
     if (!aborting) {
         aborting = 1;
-        imsg_print(IMSG_ERROR, &_pfm_ks_msg_table, 0, source, line);
+        imsg_print(IMSG_ERROR, &_pfm_ks_msg_table, PFM_MSG_ABORT, source, line);
     } else {
-        write_plain(_pfm_ks_msg_table.texts[0], nullptr, source, line);
+        write_plain(_pfm_ks_msg_table.texts[PFM_MSG_ABORT], nullptr, source, line);
     }
     abort();
 }
@@ -525,9 +598,9 @@ void pfm_assert_fail(const char *expr, const char *source, int line)
 {
     if (!aborting) {
         aborting = 1;
-        imsg_print(IMSG_ERROR, &_pfm_ks_msg_table, 1, expr, source, line);
+        imsg_print(IMSG_ERROR, &_pfm_ks_msg_table, PFM_MSG_ASSERT, expr, source, line);
     } else {
-        write_plain(_pfm_ks_msg_table.texts[1], expr, source, line);
+        write_plain(_pfm_ks_msg_table.texts[PFM_MSG_ASSERT], expr, source, line);
     }
     abort();
 }

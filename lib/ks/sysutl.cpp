@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "ks/imsg.h"
+#include "sysutl_msg.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ int copy_out(char *buf, size_t size, const char *src)
 
 } // namespace
 
-extern "C" int sysutl_get_max_fds(void)
+int sysutl_get_max_fds(void)
 {
     if (max_fds > 0)
         return max_fds;
@@ -41,7 +42,8 @@ extern "C" int sysutl_get_max_fds(void)
     if (getrlimit(RLIMIT_NOFILE, &rl) == 0) {
         n = rl.rlim_cur == RLIM_INFINITY ? KS_FD_SETSIZE : static_cast<long>(rl.rlim_cur);
     } else {
-        imsg_print(IMSG_ERROR, &_sysutl_ks_msg_table, 0, imsg_strerror(errno));
+        imsg_print(IMSG_ERROR, &_sysutl_ks_msg_table, SYSUTL_MSG_GET_FD_LIMIT,
+                   imsg_strerror(errno));
         n = sysconf(_SC_OPEN_MAX);
         if (n <= 0)
             n = 1024;
@@ -51,18 +53,19 @@ extern "C" int sysutl_get_max_fds(void)
     return max_fds;
 }
 
-extern "C" const char *sysutl_myhostname(void)
+const char *sysutl_myhostname(void)
 {
     // Asked every time: a test (or a container) may rename the host.
     if (gethostname(hostname_buf, sizeof hostname_buf - 1) != 0) {
-        imsg_print(IMSG_ERROR, &_sysutl_ks_msg_table, 2, imsg_strerror(errno));
+        imsg_print(IMSG_ERROR, &_sysutl_ks_msg_table, SYSUTL_MSG_GET_HOSTNAME,
+                   imsg_strerror(errno));
         hostname_buf[0] = '\0';
     }
     hostname_buf[sizeof hostname_buf - 1] = '\0';
     return hostname_buf;
 }
 
-extern "C" const char *sysutl_myloginname(void)
+const char *sysutl_myloginname(void)
 {
     struct passwd *pw = getpwuid(getuid());
     const char *name = pw != nullptr ? pw->pw_name : nullptr;
@@ -70,13 +73,14 @@ extern "C" const char *sysutl_myloginname(void)
         name = getenv("LOGNAME");
     if (name == nullptr || *name == '\0')
         name = getenv("USER");
-    if (name != nullptr && *name != '\0' && copy_out(loginname_buf, sizeof loginname_buf, name) == 0)
+    if (name != nullptr && *name != '\0' &&
+        copy_out(loginname_buf, sizeof loginname_buf, name) == 0)
         return loginname_buf;
     snprintf(loginname_buf, sizeof loginname_buf, "%u", static_cast<unsigned>(getuid()));
     return loginname_buf;
 }
 
-extern "C" int sysutl_get_host_domain_name(char *buf, size_t size)
+int sysutl_get_host_domain_name(char *buf, size_t size)
 {
     if (buf == nullptr || size == 0)
         return 1;

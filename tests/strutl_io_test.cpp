@@ -7,8 +7,9 @@
 #include "ks/imsg.h"
 #include "strutl_test_util.h"
 
-// A regular file by stream and a pipe, whose size is not known beforehand.
-TEST(StrutlFiles, ReadAndWrite)
+// A regular file by descriptor and a pipe, whose size is not known
+// beforehand, by stream.
+TEST(StrutlFiles, ReadWriteAndLists)
 {
     ks_test::temp_dir dir;
     std::string path = dir.file("f"), big(100000, 'q');
@@ -16,25 +17,21 @@ TEST(StrutlFiles, ReadAndWrite)
     EXPECT_EQ(strutl_write(fd, big.c_str()), 0);
     close(fd);
     size_t len = 0;
-    FILE *fp = fopen(path.c_str(), "r");
-    char *r = strutl_read_fp(fp, &len);
-    fclose(fp);
+    fd = open(path.c_str(), O_RDONLY);
+    char *r = strutl_read(fd, &len); // sized from the file
+    close(fd);
     EXPECT_TRUE(r && len == big.size() && r == big);
     stg_free(r);
     ASSERT_EQ(pipe(p), 0);
     EXPECT_EQ(strutl_write(p[1], big.c_str() + 40000), 0); // within the pipe's buffer
     close(p[1]);
-    r = strutl_read(p[0], &len);
-    close(p[0]);
+    FILE *fp = fdopen(p[0], "r");
+    r = strutl_read_fp(fp, &len);
+    fclose(fp);
     EXPECT_TRUE(r && len == 60000 && r == big.substr(40000));
     stg_free(r);
-}
-
-// Errors name the operation; normal output always, trace output only for a
-// traced subsystem at or below the verbosity.
-TEST(StrutlFiles, ErrorsAndLists)
-{
-    ks_test::temp_dir dir;
+    // Errors name the operation; lists: normal output always, trace output
+    // only for a traced subsystem at or below the verbosity.
     auto res = ks_test::run_in_child([&] {
         const char *list[] = {"first", "second", nullptr}, *traced[] = {"traced one", "traced two", nullptr};
         strutl_list_print(list);

@@ -6,10 +6,8 @@
 
 TEST(StrutlMb, CharTypeAndClasses)
 {
-    for (const char *loc : {"C", "ja_JP.SJIS", "C.UTF-8"}) {
-        use_locale(loc);
-        EXPECT_EQ(strutl_get_sys_char_type(), loc[1] == 0 ? 1 : 0) << loc;
-    }
+    for (const char *loc : {"C", "ja_JP.SJIS", "C.UTF-8"})
+        EXPECT_EQ((use_locale(loc), strutl_get_sys_char_type()), loc[1] == 0 ? 1 : 0) << loc;
     const uint32_t alpha = STRUTL_CT_ALPHA, upper = STRUTL_CT_UPPER, space = STRUTL_CT_SPACE;
     const struct { const char *loc, *s; uint32_t classes; int want, len; } cases[] = {
         {"C", "a", alpha | STRUTL_CT_LOWER, 1, 1}, {"C", "a", alpha | upper, 0, 1}, {"C", " ", STRUTL_CT_GRAPH, 0, 1},
@@ -17,11 +15,9 @@ TEST(StrutlMb, CharTypeAndClasses)
         {"C", "!", STRUTL_CT_PUNCT | STRUTL_CT_PRINT, 1, 1}, {"C", "", STRUTL_CT_PRINT, 0, 0},
         {"de_DE.UTF-8", "\xC3\x84x", alpha | upper, 1, 2}, {"de_DE.UTF-8", "\xC3", alpha, 0, 1},
         {"de_DE.UTF-8", "\xE2\x80\x83", space, 1, 3}}; // em space
-    for (const auto &c : cases) {
-        use_locale(c.loc);
-        int len = -1;
-        EXPECT_TRUE(strutl_test_char(c.s, c.classes, &len) == c.want && len == c.len) << c.s << " " << c.classes;
-    }
+    int len = -1; // set by every call
+    for (const auto &c : cases)
+        EXPECT_TRUE((use_locale(c.loc), strutl_test_char(c.s, c.classes, &len)) == c.want && len == c.len) << c.s;
 }
 
 TEST(StrutlMb, WalkersAndConversions)
@@ -46,6 +42,15 @@ TEST(StrutlMb, WalkersAndConversions)
     EXPECT_TRUE(w && strutl_wide_strlen(w) == 3 && w[1] == 0xE9 && w[2] == 0x20AC);
     EXPECT_STREQ(strutl_cvt_wide_str_to_str(area, w), "a\xC3\xA9\xE2\x82\xAC");
     stg_delete_area(&area);
+    // One character for each branch of the conversion to EUC-JP: second byte
+    // below 0x7F, from 0x7F, from 0x9F (the next, even row), and a first byte
+    // from 0xE0.
+    const struct { uint32_t b1, b2, euc; } sjis[] = {
+        {0x81, 0x40, 0xA1A1}, {0x81, 0x80, 0xA1E0}, {0x88, 0x9E, 0xAFFE}, {0x88, 0x9F, 0xB0A1}, {0xE0, 0x40, 0xDFA1}};
+    for (const auto &c : sjis) {
+        unsigned char hi = 0, lo = 0;
+        EXPECT_TRUE(strutl_cvt_sjis_to_euc(c.b1, c.b2, &hi, &lo) == c.euc && static_cast<uint32_t>(hi << 8 | lo) == c.euc) << std::hex << c.b1;
+    }
 }
 
 // Messages 4 to 7: an invalid character is named where it starts.
@@ -67,18 +72,6 @@ TEST(StrutlMb, ReportedTexts)
                              "Error converting wide char string to string.\n", "Invalid multibyte character: \xFFrest\n",
                              "Invalid multibyte character: \xFF\n"})
         EXPECT_NE(res.err.find(text), std::string::npos) << text << "\n" << res.err;
-}
-
-// One character for each branch of the conversion: second byte below 0x7F,
-// from 0x7F, from 0x9F (the next, even row), and a first byte from 0xE0.
-TEST(StrutlMb, SjisToEuc)
-{
-    const struct { uint32_t b1, b2, euc; } cases[] = {
-        {0x81, 0x40, 0xA1A1}, {0x81, 0x80, 0xA1E0}, {0x88, 0x9E, 0xAFFE}, {0x88, 0x9F, 0xB0A1}, {0xE0, 0x40, 0xDFA1}};
-    for (const auto &c : cases) {
-        unsigned char hi = 0, lo = 0;
-        EXPECT_TRUE(strutl_cvt_sjis_to_euc(c.b1, c.b2, &hi, &lo) == c.euc && static_cast<uint32_t>(hi << 8 | lo) == c.euc) << std::hex << c.b1;
-    }
 }
 
 // The message names the source by its short name, never a build path.

@@ -15,16 +15,15 @@ TEST(StrutlNumbers, WholeAndExtendedRules)
     const struct { const char *in; int base; uint32_t whole, ext; long v; int end; } cases[] = {
         {"12x", 10, 1, 0, 12, 2}, {"x", 10, 1, 1, 0, 0}, {"", 10, 1, 1, 0, 0}, {"0", 10, 0, 0, 0, 1},
         {" -42", 10, 0, 0, -42, 4}, {"0x1f", 0, 0, 0, 31, 4}, {"7 ", 10, 1, 0, 7, 1}, {"99999999999999999999", 10, 1, 1, 0, 20}};
+    char *end = nullptr; // set by every extended call
     for (const auto &c : cases) {
         long whole = 99, ext = 99;
-        char *end = nullptr;
         EXPECT_EQ(strutl_strtol(c.in, c.base, &whole), c.whole) << c.in;
         EXPECT_EQ(strutl_strtol_extended(c.in, c.base, &ext, &end), c.ext) << c.in;
         EXPECT_TRUE(whole == c.v && ext == c.v && end == c.in + c.end) << c.in;
     }
     unsigned long u = 0;
     double d = 9;
-    char *end = nullptr;
     const char *t = "2.5e";
     EXPECT_TRUE(strutl_strtoul("-1", 10, &u) == 0 && u == ULONG_MAX);
     EXPECT_TRUE(strutl_strtoul_extended("18446744073709551616", 10, &u, &end) == 1 && u == 0 && *end == '\0');

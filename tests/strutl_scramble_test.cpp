@@ -40,8 +40,7 @@ TEST(StrutlScramble, RoundTripEveryLengthAndStart)
         for (size_t len = 0; len <= 40; len++) {
             std::string coded = scramble(plain[len]);
             ASSERT_EQ(coded.size(), len < 7 ? short_len[len] : previous[len - 3].size() + 4);
-            ASSERT_TRUE(t != 0 || len != 1 || coded == "WdP") << coded;
-            ASSERT_TRUE(t != 0 || len != 3 || coded == "Wjruo") << coded;
+            ASSERT_TRUE(t != 0 || (len == 1 ? coded == "WdP" : len != 3 || coded == "Wjruo")) << coded;
             ASSERT_TRUE(std::all_of(coded.begin(), coded.end(), [](char c) { return isprint(c & 0xFF); }));
             ASSERT_TRUE(len == 0 || coded != previous[len]) << t << " " << len;
             previous[len] = coded;
@@ -55,31 +54,18 @@ TEST(StrutlScramble, RoundTripEveryLengthAndStart)
     ks::clock_release();
 }
 
-// Foreign symbols and impossible lengths (5 or 1 data symbols plus the final
-// one, or the final one alone) are refused outright.  Every substitution of
-// one symbol by another printable character: never the original plain text,
-// and (where the text carries filler) almost always refused, well beyond
-// the third or so that are foreign symbols.
-TEST(StrutlScramble, TamperingDetected)
+// Refused: a foreign symbol, impossible lengths (5 or 1 data symbols plus the
+// final one, or the final one alone), filler that disagrees with the start
+// (worked by hand: "WdP" with filler 1 in its second symbol, keyed 17 ^ 30 =
+// 15, and the check 44 ^ 15 = 35 kept in step, which would read back as
+// "a"), and a NUL byte (symbols 0 and 0 at start 0, keyed 52 and 30).
+TEST(StrutlScramble, TamperingRefused)
 {
     ks::clock_fix(1234567, 0);
     char out[64];
     std::string c = scramble("password");
-    for (std::string t : {c.substr(0, 2) + "\x80" + c.substr(3), c.substr(0, 6), c.substr(0, 2), c.substr(0, 1)})
+    for (std::string t : {c.substr(0, 2) + "\x80" + c.substr(3), c.substr(0, 6), c.substr(0, 2), c.substr(0, 1),
+                          std::string("WRA"), std::string("Ol5")})
         EXPECT_EQ(strutl_extract_tail(t.c_str(), out, sizeof out), 1) << t;
-    for (std::string plain : {"a", "pass", "secret", "passwords!", "abcdefghijklmnopq"}) {
-        int tries = 0, refused = 0;
-        c = scramble(plain);
-        for (size_t i = 0; i < c.size(); i++) {
-            for (char sym = ' '; sym <= '~'; sym++) {
-                std::string t = c.substr(0, i) + sym + c.substr(i + 1);
-                int rc = t == c ? -1 : strutl_extract_tail(t.c_str(), out, sizeof out);
-                tries += rc != -1;
-                refused += rc == 1;
-                EXPECT_TRUE(rc != 0 || out != plain) << plain << " " << i;
-            }
-        }
-        EXPECT_GT(refused * 100 / tries, plain.size() % 3 == 1 ? 89 : plain.size() % 3 == 2 ? 75 : 0) << plain;
-    }
     ks::clock_release();
 }

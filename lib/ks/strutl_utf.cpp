@@ -78,9 +78,10 @@ inline uint32_t take_unit(const wchar_t *src, size_t *i, size_t units)
     return ch;
 }
 
-// The length of ch's form, without branches.  A value of 0x200000 or more is
-// written as 0xFFFD in two bytes, kept as it always was: they come out as
-// 0xFF 0xBD, the value's high bits spilling into the mark.
+// What is written for ch and the length of its form, without branches.  A
+// value of 0x200000 or more is written as 0xFFFD in two bytes, kept as it
+// always was: they come out as 0xFF 0xBD, the value's high bits spilling
+// into the mark.
 inline utf8_char utf8_form(uint32_t ch)
 {
     uint32_t quirk = ch >= 0x200000;
@@ -123,10 +124,10 @@ inline void copy_ascii_units(const wchar_t *src, size_t *i, size_t units, unsign
         *(*d)++ = static_cast<unsigned char>(src[(*i)++]);
 }
 
-// Converts other characters while a following unit and four bytes of room
-// exist, since real text mixes lengths unpredictably.  Bytes past a
-// character's length are scratch that the next character or the terminator
-// overwrites.
+// Converts other characters without branches on their length (real text
+// mixes lengths unpredictably) while a following unit and four bytes of room
+// exist.  Bytes past a character's length are scratch that the next
+// character or the terminator overwrites.
 inline void convert_units(const wchar_t *src, size_t *i, size_t units, unsigned char **d,
                           const unsigned char *end)
 {

@@ -296,12 +296,20 @@ int strutl_utf8to16(wchar_t *dst, const char *src, size_t src_bytes, size_t dst_
     wchar_t *d = dst;
     wchar_t *const dend = dst + dst_capacity_units;
     int result = 0;
-    while (s < send && result == 0) {
+    while (s < send) {
         copy_ascii_bytes(&s, send, &d, dend);
         if (s < send)
             convert_sequences(&s, send, &d, dend);
-        if (s < send)
-            result = convert_last_sequence(&s, send, &d, dend);
+        if (s == send)
+            break;
+        // ASCII after a word goes back to the run loops; only what they
+        // cannot take (the end of the source or of the room, or a sequence
+        // of five or six bytes) is done here.
+        if (*s < 0x80 && d < dend)
+            continue;
+        result = convert_last_sequence(&s, send, &d, dend);
+        if (result != 0)
+            break;
     }
     *d = 0;
     if (consumed)

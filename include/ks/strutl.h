@@ -61,16 +61,16 @@ KS_API char *strutl_u32tostr(uint32_t value, int base, int width);
 
 /* ---- Character classes and multibyte walking -------------------------- */
 
-#define STRUTL_CT_ALPHA 0x001u
-#define STRUTL_CT_UPPER 0x002u
-#define STRUTL_CT_LOWER 0x004u
-#define STRUTL_CT_DIGIT 0x008u
+#define STRUTL_CT_ALPHA  0x001u
+#define STRUTL_CT_UPPER  0x002u
+#define STRUTL_CT_LOWER  0x004u
+#define STRUTL_CT_DIGIT  0x008u
 #define STRUTL_CT_XDIGIT 0x010u
-#define STRUTL_CT_ALNUM 0x020u
-#define STRUTL_CT_SPACE 0x040u
-#define STRUTL_CT_PUNCT 0x080u
-#define STRUTL_CT_PRINT 0x100u
-#define STRUTL_CT_GRAPH 0x200u
+#define STRUTL_CT_ALNUM  0x020u
+#define STRUTL_CT_SPACE  0x040u
+#define STRUTL_CT_PUNCT  0x080u
+#define STRUTL_CT_PRINT  0x100u
+#define STRUTL_CT_GRAPH  0x200u
 
 /* 1 when the character at s belongs to every class set in classes, else 0;
  * *len (optional) gets its length in bytes (1 for an invalid sequence, whose
@@ -156,7 +156,8 @@ KS_API int strutl_find_end_delim(const char *str, int start, int open, int close
 KS_API uint32_t strutl_str_to_hash32(uint32_t seed, const char *str);
 /* EUC-JP code of the Shift_JIS character b1 b2; its bytes also go to *hi
  * and *lo when these are given. */
-KS_API uint32_t strutl_cvt_sjis_to_euc(uint32_t b1, uint32_t b2, unsigned char *hi, unsigned char *lo);
+KS_API uint32_t strutl_cvt_sjis_to_euc(uint32_t b1, uint32_t b2, unsigned char *hi,
+                                       unsigned char *lo);
 
 /* ---- Scrambling of short strings --------------------------------------- */
 
@@ -185,12 +186,13 @@ KS_API char *strutl_strip_whitespace(char *s);
 KS_API char *strutl_slide_tail(char *tail, ptrdiff_t shift);
 /* Replaces the len bytes at start of the string in buf (size bytes) by repl.
  * 0 done; 1 after message 2 when it does not fit (buf unchanged). */
-KS_API int strutl_replace_substr(char *buf, size_t size, size_t start, size_t len, const char *repl);
+KS_API int strutl_replace_substr(char *buf, size_t size, size_t start, size_t len,
+                                 const char *repl);
 /* Copies s into buf (size bytes, not overlapping s) with every occurrence of
  * find replaced by repl; returns the number of replacements, or -1 after
  * message 2 when buf is too small (buf then holds the cut text). */
-KS_API int strutl_find_replace_substr(char *buf, size_t size, const char *s,
-                                      const char *find, const char *repl);
+KS_API int strutl_find_replace_substr(char *buf, size_t size, const char *s, const char *find,
+                                      const char *repl);
 
 /* ---- Searches (matches only at character boundaries) ------------------ */
 
@@ -269,10 +271,12 @@ KS_API int strutl_is_ok_name(const char *name, const char *first_ok, const char 
 /* Rewrites every character of seps in pname to to_sep: in place when buf is
  * null, else into buf of size bytes (null after message 2 when too small).
  * Returns the rewritten string. */
-KS_API char *strutl_xlate_pname_sep(char *pname, const char *seps, int to_sep, char *buf, size_t size);
+KS_API char *strutl_xlate_pname_sep(char *pname, const char *seps, int to_sep, char *buf,
+                                    size_t size);
 /* Copy of s in which each character chars[i] becomes strings[i]; release
  * with stg_free; null when out of memory. */
-KS_API char *strutl_xlate_chars_to_strings(const char *s, const char *chars, const char *const *strings);
+KS_API char *strutl_xlate_chars_to_strings(const char *s, const char *chars,
+                                           const char *const *strings);
 /* Next conversion of fmt ("%%" is skipped): returns its '%' and sets *len
  * (optional) to the directive's length and *conv (optional) to its
  * conversion letter; null when none is left, or after message 1 when bad. */

@@ -30,7 +30,7 @@
 #include "ks/stg.h"
 #include "ks_internal.h"
 #include "ks_test_util.h"
-#include "stg_internal.h"
+#include "stg_testing.h"
 
 namespace {
 
@@ -190,13 +190,7 @@ TEST(StrutlExpand, IteratePassesAndErrors)
     }
 }
 
-size_t area_count()
-{
-    size_t n = 0;
-    for (stg_area_rec *a = ks::stg_area_list_head(); a; a = a->next_area)
-        n++;
-    return n;
-}
+size_t area_count() { return ks::stg_area_count_for_testing(); }
 
 // A timer keeps unwinding the process; whenever the unwind lands while an
 // expansion was under way, its temporary area must be gone.

@@ -139,7 +139,7 @@ std::string name_addresses(const std::string &text,
     size_t at = 0;
     for (size_t p; (p = text.find("0x", at)) != std::string::npos;) {
         size_t end = p + 2;
-        while (end < text.size() && isxdigit(static_cast<unsigned char>(text[end])))
+        while (end < text.size() && end < p + 18 && isxdigit(static_cast<unsigned char>(text[end])))
             end++;
         unsigned long value = strtoul(text.substr(p, end - p).c_str(), nullptr, 16);
         auto it = std::find_if(known.begin(), known.end(),

@@ -41,7 +41,7 @@ private:
     std::string path_;
 };
 
-// text with every address "0x<hex>" named: one of names by its name, any
+// text with every address "0x<hex>" (at most 16 digits) named: one of names by its name, any
 // other non-zero one "#1", "#2", ... in order of first appearance (so links
 // between printed records can be compared); zero stays as printed.
 std::string name_addresses(const std::string &text,

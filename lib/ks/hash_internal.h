@@ -1,5 +1,6 @@
-// The hash table's records and the cell engine shared by the per-key-kind
-// files (hash_int, hash_str, hash_flen).  Never installed.
+// Internal: included by hash.cpp, hash_int.cpp, hash_str.cpp and hash_flen.cpp;
+// never installed.  The hash table's records and the cell engine shared by
+// the per-key-kind files.
 #ifndef KS_HASH_INTERNAL_H
 #define KS_HASH_INTERNAL_H
 
@@ -10,12 +11,12 @@
 #include <string.h>
 
 struct hash_cell {
-    hash_cell *next;            // bucket chain
+    hash_cell *next; // bucket chain
     union {
-        const void *ptr;        // string and fixed-length keys
-        int32_t ival;           // integer keys live in the cell
+        const void *ptr; // string and fixed-length keys
+        int32_t ival;    // integer keys live in the cell
     } key;
-    uint32_t hval;              // full hash, before reduction
+    uint32_t hval; // full hash, before reduction
     // data_bytes of data follow at offset sizeof(hash_cell)
 };
 
@@ -26,7 +27,7 @@ struct hash_order_links {
 };
 
 struct hash_table {
-    hash_cell **buckets;        // heap
+    hash_cell **buckets; // heap
     stg_area_t area;
     uint32_t cells;
     hash_cell *first;
@@ -43,9 +44,9 @@ struct hash_table {
     hash_fn_t hash;
     hash_compare_fn_t compare;
     // Engine bookkeeping, after the described fields.
-    int32_t made_cells;         // set once the first cell is taken from the area
-    const void *null_key;       // stands in for a null fixed-length key
-    uint64_t bucket_magic;      // reciprocal of nbuckets, see bucket_index
+    int32_t made_cells;    // set once the first cell is taken from the area
+    const void *null_key;  // stands in for a null fixed-length key
+    uint64_t bucket_magic; // reciprocal of nbuckets, see bucket_index
 };
 
 struct hash_cursor {
@@ -63,7 +64,8 @@ inline void *cell_data(hash_cell *c)
 
 inline hash_order_links *links(hash_cell *c)
 {
-    return reinterpret_cast<hash_order_links *>(reinterpret_cast<char *>(c) - sizeof(hash_order_links));
+    return reinterpret_cast<hash_order_links *>(reinterpret_cast<char *>(c) -
+                                                sizeof(hash_order_links));
 }
 
 // Built-in procedures.
@@ -159,21 +161,26 @@ int scan_next(hash_table_t *t, hash_cursor_t **cursor, hash_cell **cell);
 int scan_next_in_order(hash_table_t *t, hash_cursor_t **cursor, hash_cell **cell);
 
 // What an entry point asks of its key: the values of hash_flen_lookup_action.
-enum action { look = 0, enter = 1, release = 2 };
+enum action {
+    ACT_LOOKUP = 0,
+    ACT_ENTER = 1,
+    ACT_RELEASE = 2
+};
 
 // The step every pointer-keyed kind shares once find() has stopped at link:
 // entering an absent key takes the key to keep from store_key (null when out
 // of memory) and then a cell; freeing releases the cell found.  Returns the
 // cell concerned (a released one included), or null.
 template <typename StoreKey>
-inline hash_cell *act_on_key(hash_table_t *t, hash_cell **link, uint32_t h, action a, StoreKey store_key)
+inline hash_cell *act_on_key(hash_table_t *t, hash_cell **link, uint32_t h, action a,
+                             StoreKey store_key)
 {
     hash_cell *c = link ? *link : nullptr;
-    if (a == enter && !c) {
+    if (a == ACT_ENTER && !c) {
         const void *stored = store_key();
         if (stored && (c = add_cell(t, h)) != nullptr)
             c->key.ptr = stored;
-    } else if (a == release && c) {
+    } else if (a == ACT_RELEASE && c) {
         release_cell(t, link);
     }
     return c;

@@ -1,5 +1,7 @@
 // Hash tables: the three key kinds against a model, growth, ordering, scans,
 // the procedures' values, the dumps and bad input.
+// GCC 12 finds uninitialised members in std::regex's automaton when sanitizing: a false alarm.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <malloc.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -290,8 +292,7 @@ TEST(Hash, ScansAndStatisticsGoByBucketEachChainNewestFirst)
     EXPECT_TRUE(got == (std::vector<void *>{data[2], data[1], data[0], data[3], data[4]}) && cur == nullptr);
     EXPECT_TRUE(hash_next(t, &cur, &cell) == 1 && cur != nullptr);
     hash_term_scan(&cur); // gives back the cursor of an abandoned scan
-    hash_term_scan(&cur);
-    hash_term_scan(nullptr);
+    hash_term_scan(&cur), hash_term_scan(nullptr); // nothing left, and no cursor at all
     hash_int_free(t, 100, nullptr, nullptr); // now on the free list
     for (int32_t k = 0; k < 60; k++) // 50 and more: per bucket, not in the histogram
         hash_int_enter(one, k, nullptr, nullptr);

@@ -113,8 +113,10 @@ inline uint32_t str_hash_value(const char *s)
 {
     const unsigned char *p = reinterpret_cast<const unsigned char *>(s);
     size_t n = strlen(s);
-    const uint32_t p1 = 129, p2 = p1 * p1, p3 = p2 * p1, p4 = p2 * p2;
-    const uint32_t p5 = p4 * p1, p6 = p4 * p2, p7 = p4 * p3, p8 = p4 * p4;
+    // Powers of 129, wrapping as the hash does.
+    constexpr uint32_t kPow1 = 129, kPow2 = kPow1 * kPow1, kPow3 = kPow2 * kPow1;
+    constexpr uint32_t kPow4 = kPow2 * kPow2, kPow5 = kPow4 * kPow1, kPow6 = kPow4 * kPow2;
+    constexpr uint32_t kPow7 = kPow4 * kPow3, kPow8 = kPow4 * kPow4;
     uint32_t h = 0;
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
@@ -125,9 +127,9 @@ inline uint32_t str_hash_value(const char *s)
                 h = str_hash_step(h, p[i + j]);
         } else {
             const unsigned char *q = p + i;
-            uint32_t lo = q[0] * p7 + q[1] * p6 + q[2] * p5 + q[3] * p4;
-            uint32_t hi = q[4] * p3 + q[5] * p2 + q[6] * p1 + q[7];
-            h = h * p8 + (lo + hi);
+            uint32_t lo = q[0] * kPow7 + q[1] * kPow6 + q[2] * kPow5 + q[3] * kPow4;
+            uint32_t hi = q[4] * kPow3 + q[5] * kPow2 + q[6] * kPow1 + q[7];
+            h = h * kPow8 + (lo + hi);
         }
     }
     for (; i < n; i++)

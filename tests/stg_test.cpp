@@ -49,8 +49,9 @@ void set_mode(int level)
 }
 
 // A child's standard error without the program's prefix in each line
-// ("program: ", or a trace's ">>> time (program): " cut to ">>> ").
-std::string reported(const std::string &e) { return std::regex_replace(e, std::regex("(>>> )?.*noname\\)?: "), "$1"); }
+// ("program: ", or a trace's ">>> time (program): " cut to ">>> "), nor the
+// sanitizer's notes ("==pid==WARNING: ...").
+std::string reported(std::string e) { return regex_replace(e, std::regex("==.*\n|(>>> )?.*noname\\)?: "), "$1"); }
 
 TEST(StgArea, ChunkSizesFollowIncrementGrowthCapAndSeventyPercentRule)
 {

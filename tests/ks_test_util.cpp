@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -126,6 +127,29 @@ temp_dir::~temp_dir()
     std::string cmd = "rm -rf '" + path_ + "'";
     if (system(cmd.c_str()) != 0)
         fprintf(stderr, "could not remove %s\n", path_.c_str());
+}
+
+std::string name_addresses(const std::string &text,
+                           const std::vector<std::pair<const void *, std::string>> &names)
+{
+    std::vector<std::pair<unsigned long, std::string>> known;
+    for (const auto &n : names)
+        known.emplace_back(reinterpret_cast<unsigned long>(n.first), n.second);
+    std::string out;
+    size_t at = 0;
+    for (size_t p; (p = text.find("0x", at)) != std::string::npos;) {
+        size_t end = p + 2;
+        while (end < text.size() && end < p + 18 && isxdigit(static_cast<unsigned char>(text[end])))
+            end++;
+        unsigned long value = strtoul(text.substr(p, end - p).c_str(), nullptr, 16);
+        auto it = std::find_if(known.begin(), known.end(),
+                               [value](const auto &k) { return k.first == value; });
+        if (value != 0 && it == known.end())
+            it = known.emplace(known.end(), value, "#" + std::to_string(known.size() - names.size() + 1));
+        out += text.substr(at, p - at) + (value == 0 ? text.substr(p, end - p) : it->second);
+        at = end;
+    }
+    return out + text.substr(at);
 }
 
 std::string read_file(const std::string &path)

@@ -5,6 +5,8 @@
 
 #include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace ks_test {
 
@@ -38,6 +40,12 @@ public:
 private:
     std::string path_;
 };
+
+// text with every address "0x<hex>" (at most 16 digits) named: one of names by its name, any
+// other non-zero one "#1", "#2", ... in order of first appearance (so links
+// between printed records can be compared); zero stays as printed.
+std::string name_addresses(const std::string &text,
+                           const std::vector<std::pair<const void *, std::string>> &names = {});
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content);

@@ -1,114 +1,75 @@
 // Storage areas and the reporting heap wrappers.
+// GCC 12 finds uninitialised members in std::regex's automaton when sanitizing: a false alarm.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <errno.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/resource.h>
 
+#include <regex>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "ks/stg.h"
 #include "ks_test_util.h"
-#include "stg_internal.h"
+#include "stg_testing.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-// The out-of-memory cases ask for absurd sizes on purpose.
+#if defined(__SANITIZE_ADDRESS__) // the out-of-memory cases ask for absurd sizes on purpose
 extern "C" const char *__asan_default_options() { return "allocator_may_return_null=1"; }
 #define KS_UNDER_ASAN 1
 #else
 #define KS_UNDER_ASAN 0
 #endif
 
-using ks_test::child_result;
-using ks_test::run_in_child;
+using namespace ks_test;
 using bytes = unsigned char *;
 
 namespace {
 
-std::vector<uint32_t> sizes_oldest_first(stg_area_t area)
+bool all_bytes(const void *p, size_t len, int value) { return !memcmp(p, std::string(len, char(value)).data(), len); }
+
+// What the dump says of an area: the increments asked for, then size/used
+// of each chunk, newest first.
+std::string chunks(stg_area_t area)
 {
-    std::vector<uint32_t> v;
-    for (stg_chunk *c = area->chunks; c; c = c->next)
-        v.insert(v.begin(), c->size);
-    return v;
+    testing::internal::CaptureStdout();
+    stg_dump_area(area);
+    std::string text = std::regex_replace(testing::internal::GetCapturedStdout(), std::regex(".*(des=\\d+).*\n"), "$1");
+    return std::regex_replace(text, std::regex("\\(stg\\).*size=(\\d+) avail=(\\d+).*\n"), " $1/$2");
 }
 
-bool all_bytes(const void *p, size_t len, unsigned char value)
-{
-    return memcmp(p, std::string(len, static_cast<char>(value)).data(), len) == 0;
-}
-
-bool inside(const void *p, const stg_chunk *c) { return p >= c->data && p < c->data + c->size; }
-unsigned long ul(const void *p) { return reinterpret_cast<unsigned long>(p); }
-
-std::string fmt(const char *format, ...) KS_PRINTF(1, 2);
-std::string fmt(const char *format, ...)
-{
-    char buf[512];
-    va_list ap;
-    va_start(ap, format);
-    vsnprintf(buf, sizeof buf, format, ap);
-    va_end(ap);
-    return buf;
-}
-
-std::vector<std::string> lines(const std::string &text)
-{
-    std::vector<std::string> v;
-    for (size_t start = 0, nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1)
-        v.push_back(text.substr(start, nl + 1 - start));
-    return v;
-}
-
-size_t count_of(const std::string &text, const std::string &what)
-{
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        n++;
-    return n;
-}
-
-// Level 0: the plain heap, no tracing; else the debugging heap, traces up to level.
+// Level 0: nothing of "ks/stg" traced, whatever the verbosity (the plain heap);
+// else the debugging heap, and traces up to level.
 void set_mode(int level)
 {
-    setenv("TRACE_SUBSYS", "ks/stg", 1);
-    setenv("TRACE_VERBOSITY", std::to_string(level).c_str(), 1);
+    setenv("TRACE_SUBSYS", level ? "ks/stg" : "rt:ks/stgx:stg", 1);
+    setenv("TRACE_VERBOSITY", std::to_string(level ? level : 5).c_str(), 1);
 }
 
-// Each line the child printed to stdout is on stderr exactly once, as an error.
-void expect_reported(const child_result &r, size_t n)
-{
-    EXPECT_EQ(r.exit_code(), 0) << r.err;
-    EXPECT_EQ(lines(r.out).size(), n) << r.out;
-    EXPECT_EQ(count_of(r.err, "Error: "), n) << r.err;
-    for (const std::string &line : lines(r.out))
-        EXPECT_EQ(count_of(r.err, "Error: " + line), 1u) << r.err;
-}
+// A child's standard error without the program's prefix in each line
+// ("program: ", or a trace's ">>> time (program): " cut to ">>> "), nor the
+// sanitizer's notes ("==pid==WARNING: ...").
+std::string reported(std::string e) { return regex_replace(e, std::regex("==.*\n|(>>> )?.*noname\\)?: "), "$1"); }
 
 TEST(StgArea, ChunkSizesFollowIncrementGrowthCapAndSeventyPercentRule)
 {
-    std::vector<size_t> many(765, 600); // fifteen chunks at growth 1.5,
-    many.push_back(101800);             // fills the newest,
-    many.push_back(80001);              // above 70% of the capped increment
-    struct { // incr 0: not set; desired adds the increments before rounding
-        const char *name; uint32_t first, incr; double growth; std::vector<size_t> allocs;
-        std::vector<uint32_t> sizes; uint32_t desired, newest_used;
-    } cases[] = {
-        {"growth to the cap", 1000, 0, 1.5, many, {1000, 1504, 2256, 3384, 5080, 7624, 11440, 17160, 25744,
-         38616, 57928, 86896, 102400, 102400, 102400, 102400 + 80008}, 668204, 80008},
-        {"growth 1.0 is none", 1000, 0, 1.0, {600, 600}, {1000, 1000}, 2000, 600},
+    std::vector<size_t> many(765, 600); // fifteen chunks at growth 1.5, then one filling the newest
+    many.insert(many.end(), {101800, 80001}); // and one above 70% of the capped increment
+    // incr 0: not set; des adds the increments before rounding
+    struct { uint32_t first, incr; double growth; std::vector<size_t> allocs; const char *dump; } cases[] = {
+        {1000, 0, 1.5, many, "des=668204 182408/80008 102400/102400 102400/102000 102400/102000 86896/86400 "
+                             "57928/57600 38616/38400 25744/25200 17160/16800 11440/11400 7624/7200 5080/4800 "
+                             "3384/3000 2256/1800 1504/1200 1000/600"},
         // 168 is exactly 70% of 240: the increment alone; 169 (176) is more.
-        {"increment", 100, 240, 0, {64, 168, 169, 200}, {104, 240, 416}, 480, 376},
+        {100, 240, 0, {64, 168, 169, 200}, "des=480 416/376 240/168 104/64"},
         // After stg_set_incr the second chunk is the increment; growth starts with the third.
-        {"increment then growth", 96, 200, 2.0, {64, 64, 136, 64}, {96, 200, 400}, 600, 64},
-        {"size zero", 0, 0, 0, {13, 3}, {16, 8}, 0, 8},
+        {96, 200, 2.0, {64, 64, 136, 64}, "des=600 400/64 200/200 96/64"},
+        {0, 0, 0, {13, 3}, "des=0 8/8 16/16"},
     };
     set_mode(0);
     for (auto &c : cases) {
-        SCOPED_TRACE(c.name);
         stg_area_t a = stg_create_area(c.first);
         if (c.incr)
             stg_set_incr(a, c.incr);
@@ -116,251 +77,166 @@ TEST(StgArea, ChunkSizesFollowIncrementGrowthCapAndSeventyPercentRule)
             stg_set_growth(a, growth); // only the first can be taken
         for (size_t n : c.allocs)
             ASSERT_NE(stg_alloc(a, n), nullptr);
-        EXPECT_EQ(sizes_oldest_first(a), c.sizes);
-        EXPECT_EQ(a->desired, c.desired);
-        EXPECT_EQ(a->chunks->used, c.newest_used);
+        EXPECT_EQ(chunks(a), c.dump);
         stg_delete_area(&a);
     }
 }
 
-TEST(StgArea, BlocksAreBumpedInEightsAndGoToTheOldestChunkWithRoom)
+// Chunks are filled with ones, or zeros once stg_set_zero is called (memory
+// already filled stays as it is); stg_free_area can keep the first, emptied and filled again.
+TEST(StgArea, BlocksGoInEightsToTheOldestChunkWithRoomUntilTheAreaIsFreed)
 {
     set_mode(0);
     stg_area_t a = stg_create_area(1000);
     bytes p = static_cast<bytes>(stg_alloc(a, 0)); // makes the first chunk, advances nothing
-    EXPECT_TRUE(p == a->chunks->data && ul(p) % 8 == 0);
-    EXPECT_EQ(stg_alloc(a, 5), p);
-    EXPECT_EQ(stg_alloc(a, 0), p + 8);
-    EXPECT_EQ(stg_alloc(a, 9), p + 8);
-    EXPECT_EQ(stg_area_strdup(a, nullptr), nullptr);
-    EXPECT_STREQ(stg_area_strdup(a, "seventeen chars!!"), "seventeen chars!!");
-    EXPECT_EQ(stg_area_strdup(a, ""), reinterpret_cast<char *>(p + 48));
-    for (size_t n : {544, 600, 600}) // 600 in each of three chunks
-        stg_alloc(a, n);
-    stg_chunk *c0 = a->chunks, *c1 = c0->next, *c2 = c1->next; // newest first
-    EXPECT_TRUE(inside(stg_alloc(a, 300), c0));
-    EXPECT_TRUE(inside(stg_alloc(a, 200), c2)); // not the middle one, which would do too
-    EXPECT_TRUE(inside(stg_alloc(a, 200), c2));
-    EXPECT_TRUE(inside(stg_alloc(a, 200), c1));
-    EXPECT_FALSE(inside(stg_alloc(a, 300), c0)); // fits nowhere: a fourth chunk
+    EXPECT_TRUE(reinterpret_cast<uintptr_t>(p) % 8 == 0 && all_bytes(p, 1000, 0xFF));
+    EXPECT_TRUE(stg_alloc(a, 5) == p && stg_alloc(a, 0) == p + 8 && stg_alloc(a, 9) == p + 8);
+    EXPECT_TRUE(!stg_area_strdup(a, nullptr) && !strcmp(stg_area_strdup(a, "seventeen chars!!"), "seventeen chars!!"));
+    EXPECT_EQ(stg_alloc(a, 552), p + 48); // the copy took 24: 600 in each of three chunks of 1000
+    bytes middle = static_cast<bytes>(stg_alloc(a, 600)), newest = static_cast<bytes>(stg_alloc(a, 600));
+    auto in = [](void *q, bytes chunk) { return q >= chunk && q < chunk + 1000; };
+    EXPECT_TRUE(in(stg_alloc(a, 300), newest) && in(stg_alloc(a, 200), p)); // not the middle one, which would do too
+    EXPECT_TRUE(in(stg_alloc(a, 200), p) && in(stg_alloc(a, 200), middle));
+    void *fourth = stg_alloc(a, 300); // fits nowhere
+    EXPECT_FALSE(in(fourth, p) || in(fourth, middle) || in(fourth, newest));
+    memset(p, 0x11, 600);
+    EXPECT_TRUE(stg_free_area(a, 1) == 1000 && chunks(a) == "des=1000 1000/0");
+    EXPECT_TRUE(all_bytes(p, 1000, 0xFF) && stg_alloc(a, 8) == p);
+    EXPECT_TRUE(stg_free_area(a, 0) == 0 && chunks(a) == "des=0" && stg_free_area(a, 1) == 0);
+    p = static_cast<bytes>(stg_alloc(a, 600)); // a first chunk again
+    stg_set_incr(a, 80), stg_set_zero(a);
+    EXPECT_TRUE(all_bytes(stg_alloc(a, 600), 600, 0) && all_bytes(p + 600, 400, 0xFF));
+    EXPECT_TRUE(stg_free_area(a, 1) == 1000 && chunks(a) == "des=0 1000/0" && all_bytes(p, 1000, 0));
     stg_delete_area(&a);
 }
 
-// Chunks are filled with ones, or zeros once stg_set_zero is called (memory
-// already filled stays as it is).
-TEST(StgArea, FreeAreaKeepsTheFirstChunkEmptyAndRefilledOnlyWhenAsked)
-{
-    set_mode(0);
-    for (bool zero_and_incr : {false, true}) {
-        SCOPED_TRACE(zero_and_incr);
-        unsigned char fill = zero_and_incr ? 0x00 : 0xFF;
-        stg_area_t a = stg_create_area(1000);
-        bytes first = static_cast<bytes>(stg_alloc(a, 600));
-        EXPECT_TRUE(all_bytes(first, 1000, 0xFF));
-        if (zero_and_incr)
-            stg_set_incr(a, 80), stg_set_zero(a);
-        EXPECT_TRUE(all_bytes(stg_alloc(a, 600), 600, fill) && all_bytes(first + 600, 400, 0xFF));
-        memset(first, 0x11, stg_alloc(a, 600) ? 600 : 0);
-        EXPECT_EQ(stg_free_area(a, 1), 1000u);
-        EXPECT_TRUE(a->chunks->data == first && !a->chunks->next && all_bytes(first, 1000, fill));
-        EXPECT_EQ(a->allocated, 1000u);
-        EXPECT_EQ(a->desired, zero_and_incr ? 0u : 1000u);
-        EXPECT_EQ(stg_alloc(a, 8), first); // used went back to 0
-        EXPECT_EQ(stg_free_area(a, 0), 0u);
-        EXPECT_TRUE(!a->chunks && a->allocated + a->desired == 0);
-        EXPECT_EQ(stg_free_area(a, 1), 0u); // nothing to keep
-        stg_delete_area(&a);
-    }
-}
-
-bool enomem(void *p)
-{
-    bool failed = p == nullptr && errno == ENOMEM;
-    errno = 0;
-    return failed;
-}
-
-// Under the plain heap, the debugging heap and full tracing.
+// Under the plain heap and the debugging heap.
 TEST(StgHeap, OutOfMemoryIsReportedAndLeavesBlocksAndAreasAlone)
 {
-    for (int level : {0, 1, 5}) {
-        SCOPED_TRACE(level);
+    for (int level : {0, 1}) {
         child_result r = run_in_child([level] {
             set_mode(level);
+            auto enomem = [](void *block) { return !block && errno == ENOMEM && (errno = 0) == 0; };
             char *p = stg_area_strdup(STG_AREA_HEAP, "kept"); // a heap block
             stg_area_t a = stg_create_area(100);
-            bytes first = static_cast<bytes>(stg_alloc(a, 8));
+            stg_alloc(a, 8);
             struct rlimit lim = {512u << 20, 512u << 20};
             // Area requests past what 32-bit chunk sizes hold; a chunk whose data cannot be had.
-            int step = 0;
-            for (bool failed : {enomem(stg_malloc(SIZE_MAX / 2)), enomem(stg_malloc(SIZE_MAX - 3)),
-                                enomem(stg_realloc(p, SIZE_MAX / 2)), enomem(stg_alloc(a, SIZE_MAX / 2)),
-                                enomem(stg_alloc(a, UINT32_MAX - 6)),
-                                KS_UNDER_ASAN || (setrlimit(RLIMIT_AS, &lim) == 0 && enomem(stg_alloc(a, 1u << 30)))})
-                if (++step, !failed)
-                    return step;
-            if (strcmp(p, "kept") != 0 || a->chunks->next || a->allocated != 104 || a->desired != 100 ||
-                stg_alloc(a, 8) != first + 8 || stg_free_area(STG_AREA_HEAP, 1) != 0)
-                return 7;
+            bool ok = enomem(stg_malloc(SIZE_MAX / 2)) && enomem(stg_malloc(SIZE_MAX - 3)) &&
+                      enomem(stg_realloc(p, SIZE_MAX / 2)) && enomem(stg_alloc(a, SIZE_MAX / 2)) &&
+                      enomem(stg_alloc(a, UINT32_MAX - 6)) &&
+                      (KS_UNDER_ASAN || (setrlimit(RLIMIT_AS, &lim) == 0 && enomem(stg_alloc(a, 1u << 30))));
             // No area at all: refused without a message.
-            if (stg_alloc(STG_AREA_NULL, 8) || errno != EINVAL || stg_free_area(STG_AREA_NULL, 1))
-                return 8;
+            ok = ok && strcmp(p, "kept") == 0 && chunks(a) == "des=100 104/8" && !stg_free_area(STG_AREA_HEAP, 1) &&
+                 !stg_alloc(STG_AREA_NULL, 8) && errno == EINVAL && !stg_free_area(STG_AREA_NULL, 1);
             stg_dump_area(STG_AREA_NULL);
             stg_free(p);
-            return 0;
+            return ok ? 0 : 1;
         });
-        EXPECT_EQ(r.exit_code(), 0) << r.err;
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(count_of(r.err, "Error: No more memory available.\n"), KS_UNDER_ASAN ? 5u : 6u) << r.err;
-        std::string traced = fmt("(stg) Heap block 0x00000000: allocated (size %u).\n", (unsigned)(SIZE_MAX / 2));
-        EXPECT_EQ(count_of(r.err, traced), level == 5 ? 1u : 0u) << r.err;
-        EXPECT_LT(r.err.find("No more memory"), r.err.find(traced)) << r.err; // after the error
+        EXPECT_TRUE(r.exit_code() == 0 && r.out.empty()) << r.err;
+        std::string e = "Error: No more memory available.\n";
+        EXPECT_EQ(reported(r.err), e + e + e + e + e + (KS_UNDER_ASAN ? "" : e));
     }
 }
 
 // Deleting an area from the front, the middle or the end of the list keeps the rest in order.
 TEST(StgDump, AreaAndChunkLinesOfEveryAreaOldestFirst)
 {
-    child_result r = run_in_child([] {
-        set_mode(0);
-        stg_area_t z = stg_create_area(8), a = stg_create_area(1000), b = stg_create_area(0);
-        stg_area_t c = stg_create_area(32), d = stg_create_area(8);
-        stg_alloc(z, 8);
-        for (stg_area_t *gone : {&z, &b, &d})
-            stg_delete_area(gone);
-        stg_area_t e = stg_create_area(16);
-        if (z || b || d)
-            return 1;
-        stg_set_growth(a, 1.5);
-        stg_set_incr(c, 48);
-        for (size_t n : {600, 600, 16})
-            stg_alloc(a, n);
-        stg_chunk *newer = a->chunks, *older = newer->next;
-        fprintf(stderr,
-                "(stg) area 0x%08lX: allocd=2504 used=1216 #chks=2 1st=1000 base=1000 des=2500 gf=1.50\n"
-                "(stg)   chunk 0x%08lX: size=1504 avail=616 data=0x%08lX prev=0x%08lX\n"
-                "(stg)   chunk 0x%08lX: size=1000 avail=600 data=0x%08lX prev=0x00000000\n"
-                "(stg) area 0x%08lX: allocd=0 used=0 #chks=0 1st=32 base=48 des=0 gf=0.00\n"
-                "(stg) area 0x%08lX: allocd=0 used=0 #chks=0 1st=16 base=16 des=0 gf=0.00\n",
-                ul(a), ul(newer), ul(newer->data), ul(older), ul(older), ul(older->data), ul(c), ul(e));
-        stg_dump();
-        return 0;
-    });
-    EXPECT_EQ(r.exit_code(), 0);
-    ASSERT_GE(r.out.size(), r.err.size()) << r.out; // areas of other modules may come first
-    EXPECT_EQ(r.out.substr(r.out.size() - r.err.size()), r.err);
+    set_mode(0);
+    stg_area_t z = stg_create_area(8), a = stg_create_area(1000), b = stg_create_area(0);
+    stg_area_t c = stg_create_area(32), d = stg_create_area(8);
+    for (stg_area_t *gone : {&z, &b, &d})
+        stg_delete_area(gone);
+    EXPECT_TRUE(!z && !b && !d);
+    stg_area_t e = stg_create_area(16);
+    stg_set_growth(a, 1.5);
+    stg_set_incr(c, 48);
+    void *older = stg_alloc(a, 600), *newer = stg_alloc(a, 600);
+    testing::internal::CaptureStdout();
+    stg_dump();
+    EXPECT_EQ(name_addresses(testing::internal::GetCapturedStdout(),
+                             {{a, "A"}, {c, "C"}, {e, "E"}, {older, "D1"}, {newer, "D2"}}),
+              "(stg) area A: allocd=2504 used=1200 #chks=2 1st=1000 base=1000 des=2500 gf=1.50\n"
+              "(stg)   chunk #1: size=1504 avail=600 data=D2 prev=#2\n"
+              "(stg)   chunk #2: size=1000 avail=600 data=D1 prev=0x00000000\n"
+              "(stg) area C: allocd=0 used=0 #chks=0 1st=32 base=48 des=0 gf=0.00\n"
+              "(stg) area E: allocd=0 used=0 #chks=0 1st=16 base=16 des=0 gf=0.00\n");
 }
 
-std::vector<unsigned char> released;
+std::string released;
 
-TEST(StgDebugHeap, BlocksCarryHeaderFillAndGuardReportDamageAndAreFreedWithThePattern)
+// A guard of 0xAA bytes follows each block, renewed by stg_realloc: a
+// damaged or missing one is reported where it is found.  Areas check only
+// the bytes they hand out at this level.
+TEST(StgDebug, HeapBlocksAreFilledGuardedAndFreedWithThePatternAreasChecked)
 {
     child_result r = run_in_child([] {
         set_mode(1);
-        ks::stg_release_hook = [](const void *b, size_t len) { released.assign((bytes)b, (bytes)b + len); };
-        auto laid_out = [](bytes p, uint32_t n) { // the size in the header, a 0xAA guard after the block
-            return p && ul(p) % 8 == 0 && !memcmp(p - 8, &n, 4) && all_bytes(p + n, ((n + 7) & ~7u) - n + 8, 0xAA);
-        };
+        ks::stg_set_release_hook_for_testing(
+            [](const void *b, size_t len) { released.assign(static_cast<const char *>(b), len); });
         bytes p = static_cast<bytes>(stg_malloc(10)), q = static_cast<bytes>(stg_malloc(16));
-        if (!laid_out(p, 10) || !all_bytes(p, 10, 0xFF) || !laid_out(q, 16))
-            return 1;
+        bool ok = reinterpret_cast<uintptr_t>(p) % 8 == 0 && all_bytes(p, 10, 0xFF);
         memcpy(p, "0123456789", 10);
-        p = static_cast<bytes>(stg_realloc(p, 30)); // growing and shrinking re-guard
-        if (!laid_out(p, 30) || memcmp(p, "0123456789", 10) != 0)
-            return 2;
-        p = static_cast<bytes>(stg_realloc(p, 3));
-        if (!laid_out(p, 3) || memcmp(p, "012", 3) != 0 || !laid_out(static_cast<bytes>(stg_realloc(nullptr, 5)), 5))
-            return 3;
-        stg_free(stg_malloc(21));
-        static const unsigned char pattern[8] = {0x00, 0x00, 0xe0, 0xdd, 0xb7, 0xd5, 0xeb, 0x41};
-        for (size_t i = 0; i < 24 + 16; i++)
-            if (released.size() != 24 + 16 || released[i] != pattern[i % 8])
-                return 4;
+        p = static_cast<bytes>(stg_realloc(p, 30)); // growing and shrinking keep the bytes
+        ok = ok && !memcmp(p, "0123456789", 10) && !memcmp(p = static_cast<bytes>(stg_realloc(p, 3)), "012", 3);
+        stg_free(stg_realloc(nullptr, 5));
+        stg_free(stg_malloc(21)); // 24 bytes, the header and the guard
+        std::string dead("\0\0\xe0\xdd\xb7\xd5\xeb\x41", 8); // the double 3735928559.0
+        ok = ok && released == dead + dead + dead + dead + dead;
         p[4] = 'x', p[5] = 'y', q[23] = 0; // the first bad byte, and the guard's last
-        printf("Heap block 0x%08lX: end overwritten at 0x%08lX.\n", ul(p), ul(p + 4));
-        printf("Heap block 0x%08lX: end overwritten at 0x%08lX.\n", ul(q), ul(q + 23));
-        fflush(stdout);
+        stg_area_t a = stg_create_area(1000);
+        bytes b = static_cast<bytes>(stg_alloc(a, 16));
+        b[19] = b[21] = b[500] = 0; // the next block's first bad byte, and beyond it
+        void *legend[] = {p, p + 4, q, q + 23, a, b + 19};
+        fprintf(stderr, "%p %p %p %p %p %p\n", legend[0], legend[1], legend[2], legend[3], legend[4], legend[5]);
         stg_free(p);
         stg_free(stg_realloc(q, 30)); // the new guard is intact: one report
-        return 0;
+        return ok && stg_alloc(a, 16) == b + 16 ? 0 : 1; // reports go ahead regardless
     });
-    expect_reported(r, 2);
+    EXPECT_EQ(r.exit_code(), 0) << r.err;
+    EXPECT_EQ(reported(name_addresses(r.err)), "#1 #2 #3 #4 #5 #6\nError: Heap block #1: end overwritten at #2.\n"
+                                               "Error: Heap block #3: end overwritten at #4.\n"
+                                               "Error: Storage area #5: corrupted at #6.\n");
 }
 
-TEST(StgDebugArea, CorruptionIsReportedOnceWhereTheLevelLooks)
-{
-    // Offsets from the first block; reported 0: nothing.
-    struct { const char *verbosity, *subsys; bool zero; size_t poked[3], reported; } cases[] = {
-        {"1", "ks/stg", false, {19, 21, 500}, 19},   // the bytes handed out only
-        {"2", "ks/stg", true, {500, 900, 900}, 500}, // the whole free tail
-        {"5", "rt:ks/stgx:stg", false, {20, 20, 20}, 0},
-    };
-    for (auto &c : cases) {
-        SCOPED_TRACE(c.verbosity);
-        child_result r = run_in_child([&c] {
-            setenv("TRACE_VERBOSITY", c.verbosity, 1);
-            setenv("TRACE_SUBSYS", c.subsys, 1);
-            stg_area_t a = stg_create_area(1000);
-            if (c.zero)
-                stg_set_zero(a);
-            bytes p = static_cast<bytes>(stg_alloc(a, 16));
-            for (size_t at : c.poked)
-                p[at] = c.zero ? 0xFF : 0;
-            if (c.reported)
-                printf("Storage area 0x%08lX: corrupted at 0x%08lX.\n", ul(a), ul(p + c.reported));
-            fflush(stdout);
-            return stg_alloc(a, 16) == p + 16 ? 0 : 1; // goes ahead regardless
-        });
-        expect_reported(r, c.reported ? 1 : 0);
-        EXPECT_EQ(r.err.find("(stg)"), std::string::npos) << r.err;
-    }
-}
-
-// One life of an area and a heap block; the child prints each trace line it
-// should cause, in order, after the least level that shows it.
+// One life of an area and heap blocks, traced at each level; errors at
+// every level.  The area's own record and chunks show at level 5 as heap
+// blocks: those are left out.
 TEST(StgTrace, EachEventIsTracedAtItsLevelInOrder)
 {
-    for (int level : {3, 4, 5}) {
-        SCOPED_TRACE(level);
+    for (int level : {2, 3, 4, 5}) {
         child_result r = run_in_child([level] {
             set_mode(level);
-            auto line = [](int at, const std::string &text) { printf("%d (stg) %s.\n", at, text.c_str()); };
+            testing::internal::CaptureStderr();
             stg_area_t a = stg_create_area(64), gone = a;
-            line(4, fmt("Area 0x%08lX: created area", ul(a)));
-            for (int i = 0; i < 3; i++) { // 40 bytes: a chunk of 64 each
-                void *p = stg_alloc(a, 40);
-                line(4, fmt("Area 0x%08lX: created chunk 0x%08lX (size 64)", ul(a), ul(a->chunks)));
-                line(5, fmt("Area 0x%08lX: allocated 0x%08lX (size 40)", ul(a), ul(p)));
-            }
-            void *h = stg_malloc(7), *h2 = stg_realloc(h, 9);
-            stg_free(h2);
-            stg_free(nullptr);
-            line(5, fmt("Heap block 0x%08lX: allocated (size 7)", ul(h)));
-            line(5, fmt("Heap block 0x%08lX: reallocated as 0x%08lX: (size 9)", ul(h), ul(h2)));
-            line(5, fmt("Heap block 0x%08lX: freeing block", ul(h2)));
-            line(5, "Heap block 0x00000000: freeing block");
-            stg_chunk *c3 = a->chunks, *c2 = c3->next, *c1 = c2->next;
+            stg_set_zero(a);
+            void *p[4] = {stg_alloc(a, 40), stg_alloc(a, 40), stg_alloc(a, 40)}; // a chunk of 64 each
+            void *h = stg_malloc(7), *h2 = stg_realloc(h, 200000); // a new block
+            stg_free(h2), stg_free(nullptr);
+            stg_malloc(SIZE_MAX / 2); // traced after the error
+            bytes x = static_cast<bytes>(p[2]) + 50; // the whole free tail is checked from level 2
+            *x = 0xFF, p[3] = stg_alloc(a, 8);
             stg_free_area(a, 1); // newest first; the first-created chunk stays
             stg_delete_area(&a); // announces itself before clearing the rest
-            const char *freeing = "freeing chunk 0x%08lX";
-            struct { const char *what; stg_chunk *c; } rest[] = {{"clearing area", c3}, {freeing, c3},
-                {freeing, c2}, {"deleting area", c1}, {"clearing area", c1}, {freeing, c1}};
-            for (auto &e : rest)
-                line(4, fmt("Area 0x%08lX: ", ul(gone)) + fmt(e.what, ul(e.c)));
+            std::string named = name_addresses(testing::internal::GetCapturedStderr(),
+                {{gone, "A"}, {p[0], "P1"}, {p[1], "P2"}, {p[2], "P3"}, {p[3], "P4"}, {h, "H"}, {h2, "H2"}, {x, "X"}});
+            printf("%s", reported(std::regex_replace(named, std::regex(".*Heap block [AP#].*\n"), "")).c_str());
             return 0;
         });
-        ASSERT_EQ(r.exit_code(), 0) << r.err;
-        std::string want, got;
-        for (const std::string &line : lines(r.out))
+        std::string want;
+        for (const char *line :
+             {"4 Area A: created area", "4 Area A: created chunk #1 (size 64)", "5 Area A: allocated P1 (size 40)",
+              "4 Area A: created chunk #2 (size 64)", "5 Area A: allocated P2 (size 40)",
+              "4 Area A: created chunk #3 (size 64)", "5 Area A: allocated P3 (size 40)",
+              "5 Heap block H: allocated (size 7)", "5 Heap block H: reallocated as H2: (size 200000)",
+              "5 Heap block H2: freeing block", "5 Heap block 0x00000000: freeing block",
+              "0 Error: No more memory available", "5 Heap block 0x00000000: allocated (size 4294967295)",
+              "0 Error: Storage area A: corrupted at X", "5 Area A: allocated P4 (size 8)", "4 Area A: clearing area",
+              "4 Area A: freeing chunk #3", "4 Area A: freeing chunk #2", "4 Area A: deleting area",
+              "4 Area A: clearing area", "4 Area A: freeing chunk #1"})
             if (line[0] - '0' <= level)
-                want += line.substr(2);
-        for (const std::string &line : lines(r.err)) { // at 5 the library's own records show too
-            std::string traced = line.substr(std::min(line.find("(stg)"), line.size()));
-            if (!traced.empty() && (level < 5 || want.find(traced) != std::string::npos))
-                got += traced;
-        }
-        EXPECT_EQ(got, want);
-        EXPECT_EQ(r.err.rfind(">>> ", 0), level == 3 ? std::string::npos : 0u) << r.err; // the trace prefix
+                want += std::string(line[0] == '0' ? "" : ">>> (stg) ") + (line + 2) + ".\n";
+        EXPECT_EQ(r.out, want) << level << r.err;
     }
 }
 

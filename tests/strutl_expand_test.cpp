@@ -5,7 +5,7 @@
 #include <sys/time.h>
 
 #include "ks/pfm.h"
-#include "stg_internal.h"
+#include "stg_testing.h"
 #include "strutl_test_util.h"
 
 static std::string expand(const std::string &s, int *flag = nullptr)
@@ -98,12 +98,7 @@ TEST(StrutlExpand, ReleasesEverythingOnEveryPathAndUnwind)
         pfm_init();
         setenv("KS_P", "$KS_Q", 1);
         setenv("KS_Q", "done", 1);
-        auto area_count = [] {
-            size_t n = 0;
-            for (stg_area_rec *a = ks::stg_area_list_head(); a; a = a->next_area)
-                n++;
-            return n;
-        };
+        auto area_count = [] { return ks::stg_area_count_for_testing(); };
         std::string big;
         for (int i = 0; i < 20000; i++)
             big += "$KS_P\\-";

@@ -42,7 +42,7 @@ static void print_both_styles(time_t t)
 {
     char *product = date_fmt_token_general(t, 0, 1, 0, 0);
     char *iso = date_fmt_token_general(t, 0, 2, 0, 0);
-    imsg_print(IMSG_OK, &_kstool_msg_table, KT_DATE_STYLES, product ? product : "-", iso ? iso : "-");
+    imsg_print(IMSG_OK, &_kstool_msg_table, KSTOOL_MSG_DATE_STYLES, product ? product : "-", iso ? iso : "-");
     free(product);
     free(iso);
 }
@@ -54,22 +54,22 @@ int kstool_date(int argc, char **argv)
     if (kstool_parse(argc, argv, date_flags, on_date_flag, &o, &first))
         return 2;
     if (first >= argc) {
-        imsg_print(IMSG_ERROR, &_kstool_msg_table, KT_MISSING, o.at ? "SECONDS" : "TEXT");
+        imsg_print(IMSG_ERROR, &_kstool_msg_table, KSTOOL_MSG_MISSING, o.at ? "SECONDS" : "TEXT");
         return 2;
     }
     for (i = first; i < argc; i++) {
         time_t t;
-        imsg_print(IMSG_OK, &_kstool_msg_table, KT_LINE, argv[i]);
+        imsg_print(IMSG_OK, &_kstool_msg_table, KSTOOL_MSG_LINE, argv[i]);
         if (o.at) {
             long secs;
             if (strutl_strtol(argv[i], 10, &secs) != 0) {
-                imsg_print(IMSG_ERROR, &_kstool_msg_table, KT_NOT_SECONDS, argv[i]);
+                imsg_print(IMSG_ERROR, &_kstool_msg_table, KSTOOL_MSG_NOT_SECONDS, argv[i]);
                 status = 1;
                 continue;
             }
             t = (time_t)secs;
         } else if (date_str_to_time2(argv[i], o.direction, &t) != 0) {
-            imsg_print(IMSG_ERROR, &_kstool_msg_table, KT_NOT_A_DATE, argv[i]);
+            imsg_print(IMSG_ERROR, &_kstool_msg_table, KSTOOL_MSG_NOT_A_DATE, argv[i]);
             imsg_print(IMSG_ERROR_CONT, date_usage_date_time(), -1);
             status = 1;
             continue;

@@ -23,9 +23,9 @@ static void on_split_flag(uint32_t value, clp_hdl_t *h, void *ctx)
 static void print_words(int n, char **words)
 {
     int i;
-    imsg_print(IMSG_OK, &_kstool_msg_table, KT_WORDS, n);
+    imsg_print(IMSG_OK, &_kstool_msg_table, KSTOOL_MSG_WORDS, n);
     for (i = 0; i < n; i++)
-        imsg_print(IMSG_OK_CONT, &_kstool_msg_table, KT_WORD, i, words[i]);
+        imsg_print(IMSG_OK_CONT, &_kstool_msg_table, KSTOOL_MSG_WORD, i, words[i]);
 }
 
 int kstool_split(int argc, char **argv)
@@ -35,7 +35,7 @@ int kstool_split(int argc, char **argv)
     if (kstool_parse(argc, argv, split_flags, on_split_flag, &which, &first))
         return 2;
     if (first >= argc) {
-        imsg_print(IMSG_ERROR, &_kstool_msg_table, KT_MISSING, "LINE");
+        imsg_print(IMSG_ERROR, &_kstool_msg_table, KSTOOL_MSG_MISSING, "LINE");
         return 2;
     }
     for (i = first; i < argc; i++) {
@@ -55,7 +55,7 @@ int kstool_split(int argc, char **argv)
             char *words[4096];
             int n = 0;
             if (h == NULL) {
-                imsg_print(IMSG_ERROR, &_kstool_msg_table, KT_LINE, cl_strerror(err));
+                imsg_print(IMSG_ERROR, &_kstool_msg_table, KSTOOL_MSG_LINE, cl_strerror(err));
                 status = 1;
                 continue;
             }

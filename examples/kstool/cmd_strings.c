@@ -43,17 +43,17 @@ int kstool_expand(int argc, char **argv)
     if (kstool_parse(argc, argv, expand_flags, on_expand_flag, &o, &first))
         return 2;
     if (first >= argc) {
-        imsg_print(IMSG_ERROR, &_kstool_msg_table, KT_MISSING, "TEXT");
+        imsg_print(IMSG_ERROR, &_kstool_msg_table, KSTOOL_MSG_MISSING, "TEXT");
         return 2;
     }
     for (i = first; i < argc; i++) {
         char *out = o.iterate ? strutl_expand_evs_iterate(argv[i], o.max) : strutl_expand_evs(argv[i]);
         if (out == NULL) {
-            imsg_print(IMSG_ERROR, &_kstool_msg_table, KT_CANNOT_EXPAND, argv[i], imsg_strerror(errno));
+            imsg_print(IMSG_ERROR, &_kstool_msg_table, KSTOOL_MSG_CANNOT_EXPAND, argv[i], imsg_strerror(errno));
             status = 1;
             continue;
         }
-        imsg_print(IMSG_OK, &_kstool_msg_table, KT_LINE, out);
+        imsg_print(IMSG_OK, &_kstool_msg_table, KSTOOL_MSG_LINE, out);
         stg_free(out);
     }
     return status;
@@ -66,7 +66,7 @@ static int each_text(int argc, char **argv, int (*fn)(const char *, char *, size
     if (kstool_parse(argc, argv, kstool_no_flags, kstool_ignore_flag, NULL, &first))
         return 2;
     if (first >= argc) {
-        imsg_print(IMSG_ERROR, &_kstool_msg_table, KT_MISSING, "TEXT");
+        imsg_print(IMSG_ERROR, &_kstool_msg_table, KSTOOL_MSG_MISSING, "TEXT");
         return 2;
     }
     for (i = first; i < argc; i++) {
@@ -75,7 +75,7 @@ static int each_text(int argc, char **argv, int (*fn)(const char *, char *, size
         if (out == NULL)
             return 1;
         if (fn(argv[i], out, size) == 0) {
-            imsg_print(IMSG_OK, &_kstool_msg_table, KT_MAPPING, argv[i], out);
+            imsg_print(IMSG_OK, &_kstool_msg_table, KSTOOL_MSG_MAPPING, argv[i], out);
         } else {
             imsg_print(IMSG_ERROR, &_kstool_msg_table, failure_msg, argv[i]);
             status = 1;
@@ -87,10 +87,10 @@ static int each_text(int argc, char **argv, int (*fn)(const char *, char *, size
 
 int kstool_scramble(int argc, char **argv)
 {
-    return each_text(argc, argv, strutl_extract_head, KT_CANNOT_UNSCRAMBLE);
+    return each_text(argc, argv, strutl_extract_head, KSTOOL_MSG_CANNOT_UNSCRAMBLE);
 }
 
 int kstool_unscramble(int argc, char **argv)
 {
-    return each_text(argc, argv, strutl_extract_tail, KT_CANNOT_UNSCRAMBLE);
+    return each_text(argc, argv, strutl_extract_tail, KSTOOL_MSG_CANNOT_UNSCRAMBLE);
 }

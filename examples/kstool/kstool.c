@@ -31,9 +31,9 @@ static int kstool_help(int argc, char **argv)
     int i;
     (void)argc;
     (void)argv;
-    imsg_print(IMSG_OK, &_kstool_msg_table, KT_USAGE);
+    imsg_print(IMSG_OK, &_kstool_msg_table, KSTOOL_MSG_USAGE);
     for (i = 0; i < NCOMMANDS; i++)
-        imsg_print(IMSG_OK, &_kstool_msg_table, KT_COMMAND_LINE_ITEM, commands[i].synopsis,
+        imsg_print(IMSG_OK, &_kstool_msg_table, KSTOOL_MSG_COMMAND_LINE_ITEM, commands[i].synopsis,
                    commands[i].summary);
     return 0;
 }
@@ -105,7 +105,7 @@ int main(int argc, char **argv)
             matches++;
         }
     if (found < 0) {
-        imsg_print(IMSG_ERROR, &_kstool_msg_table, KT_UNKNOWN_COMMAND, argv[1]);
+        imsg_print(IMSG_ERROR, &_kstool_msg_table, KSTOOL_MSG_UNKNOWN_COMMAND, argv[1]);
         return 2;
     }
     if (kstool_hostdata_status != 0) {

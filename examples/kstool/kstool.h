@@ -4,17 +4,7 @@
 
 #include "ks/clp.h"
 #include "ks/imsg.h"
-
-extern const imsg_msg_table_t _kstool_msg_table;
-
-/* Message indices of kstool's table. */
-enum {
-    KT_USAGE, KT_COMMAND_LINE_ITEM, KT_UNKNOWN_COMMAND, KT_HOME, KT_TOOLDIR, KT_HOSTDATA,
-    KT_NO_HOSTDATA, KT_SWITCHES, KT_REMOTE, KT_VERBOSITY, KT_SUBSYS, KT_CATALOGUE, KT_LINE,
-    KT_MAPPING, KT_CANNOT_EXPAND, KT_CANNOT_UNSCRAMBLE, KT_NOT_A_DATE, KT_DATE_STYLES,
-    KT_NOT_SECONDS, KT_ID_NUMERIC, KT_ID_SID, KT_ID_NAMES, KT_ID_GROUP, KT_NOT_A_SID,
-    KT_SID, KT_WORDS, KT_WORD, KT_MISSING, KT_LOGGED
-};
+#include "kstool_msg.h" /* the table and its index names, made from kstool.msg */
 
 /* A subcommand: its abbreviation pattern for cl_match, a summary, its body.
  * argv[0] is the subcommand's own name. */

@@ -3,14 +3,15 @@
 
 #include "ks/imsg.h"
 #include "ks/stg.h"
+#include "ks_msg.h"
 
 #include <stdio.h>
 #include <string.h>
 
-KS_API extern const uint32_t hash_prime_sizes[30] = {
-    1,        2,        3,        7,         17,        31,        61,        127,
-    257,      509,      1021,     2053,      4093,      8191,      16381,     32771,
-    65537,    131071,   262147,   524287,    1048573,   2097143,   4194301,   8388617,
+const uint32_t hash_prime_sizes[30] = {
+    1,        2,        3,        7,         17,        31,        61,      127,
+    257,      509,      1021,     2053,      4093,      8191,      16381,   32771,
+    65537,    131071,   262147,   524287,    1048573,   2097143,   4194301, 8388617,
     16777213, 33554467, 67108859, 134217757, 268435459, 536870909,
 };
 
@@ -19,9 +20,9 @@ namespace {
 using namespace ks::hashimpl;
 
 // The prime scan at creation stops here, whatever the hint.
-const int last_scanned_prime = 28;
-const int msg_out_of_memory = 23;
-const int msg_unexpected = 24;
+constexpr int kLastScannedPrime = 28;
+// Chain lengths counted by hash_dump_stats.
+constexpr int kHistogramSize = 50;
 
 uint32_t climit_for(uint32_t nbuckets, uint32_t limit)
 {
@@ -34,22 +35,29 @@ size_t cell_bytes(const hash_table_t *t)
     return sizeof(hash_cell) + t->data_bytes + (t->ordered ? sizeof(hash_order_links) : 0);
 }
 
+// A cleared array of n bucket slots from the heap; null when out of memory.
+hash_cell **new_buckets(uint32_t n)
+{
+    size_t bytes =
+        sizeof(hash_cell *) * n; // NOLINT(bugprone-sizeof-expression): slots are pointers
+    auto *buckets = static_cast<hash_cell **>(stg_malloc(bytes));
+    if (buckets)
+        memset(buckets, 0, bytes);
+    return buckets;
+}
+
 void out_of_memory()
 {
-    imsg_print_shared(IMSG_ERROR, "ks", &_ks_ks_msg_table, msg_out_of_memory);
+    imsg_print_shared(IMSG_ERROR, "ks", &_ks_ks_msg_table, KS_MSG_CL_NO_MEMORY);
 }
 
 const char *key_type_name(int type)
 {
     switch (type) {
-    case HASH_KEY_INT:
-        return "HASH_KEY_INT";
-    case HASH_KEY_STR:
-        return "HASH_KEY_STR";
-    case HASH_KEY_FLEN:
-        return "HASH_KEY_FLEN";
-    default:
-        return "*unknown*";
+    case HASH_KEY_INT: return "HASH_KEY_INT";
+    case HASH_KEY_STR: return "HASH_KEY_STR";
+    case HASH_KEY_FLEN: return "HASH_KEY_FLEN";
+    default: return "*unknown*";
     }
 }
 
@@ -75,7 +83,7 @@ int int_compare(const void *stored, const void *probe)
 
 void report_unexpected()
 {
-    imsg_print(IMSG_ERROR, &_ks_ks_msg_table, msg_unexpected);
+    imsg_print(IMSG_ERROR, &_ks_ks_msg_table, KS_MSG_HASH_ERROR);
 }
 
 hash_cell *add_cell(hash_table_t *t, uint32_t hval)
@@ -217,13 +225,11 @@ int scan_next_in_order(hash_table_t *t, hash_cursor_t **cursor, hash_cell **cell
 } // namespace hashimpl
 } // namespace ks
 
-extern "C" {
-
-KS_API hash_table_t *hash_create_ht(uint32_t hint, uint32_t data_bytes, int key_type, int copy_keys,
-                                    uint32_t key_bytes, hash_fn_t hash, hash_compare_fn_t compare)
+hash_table_t *hash_create_ht(uint32_t hint, uint32_t data_bytes, int key_type, int copy_keys,
+                             uint32_t key_bytes, hash_fn_t hash, hash_compare_fn_t compare)
 {
     int i = 0;
-    while (i < last_scanned_prime && hash_prime_sizes[i] < hint)
+    while (i < kLastScannedPrime && hash_prime_sizes[i] < hint)
         i++;
     uint32_t prime = hash_prime_sizes[i];
     stg_area_t area = stg_create_area(prime * 4);
@@ -243,13 +249,12 @@ KS_API hash_table_t *hash_create_ht(uint32_t hint, uint32_t data_bytes, int key_
     t->area = area;
     t->nbuckets = prime < HASH_MAX_BUCKETS ? prime : HASH_MAX_BUCKETS;
     t->bucket_magic = bucket_magic_for(t->nbuckets);
-    t->buckets = static_cast<hash_cell **>(stg_malloc(sizeof(hash_cell *) * t->nbuckets));
+    t->buckets = new_buckets(t->nbuckets);
     if (!t->buckets) {
         out_of_memory();
         stg_delete_area(&area);
         return nullptr;
     }
-    memset(t->buckets, 0, sizeof(hash_cell *) * t->nbuckets);
     t->data_bytes = data_bytes;
     t->key_bytes = key_bytes;
     t->key_type = key_type;
@@ -268,34 +273,33 @@ KS_API hash_table_t *hash_create_ht(uint32_t hint, uint32_t data_bytes, int key_
     return t;
 }
 
-KS_API void hash_set_dynamic(hash_table_t *table, uint32_t limit)
+void hash_set_dynamic(hash_table_t *table, uint32_t limit)
 {
     table->limit = limit;
     table->climit = climit_for(table->nbuckets, limit);
 }
 
-KS_API void hash_set_order(hash_table_t *table)
+void hash_set_order(hash_table_t *table)
 {
     // Cells made without the order links cannot take them later.
     if (!table->made_cells)
         table->ordered = 1;
 }
 
-KS_API uint32_t hash_get_key_bytes(const hash_table_t *table)
+uint32_t hash_get_key_bytes(const hash_table_t *table)
 {
     return table->key_bytes;
 }
 
-KS_API int hash_resize(hash_table_t *table, uint32_t nbuckets)
+int hash_resize(hash_table_t *table, uint32_t nbuckets)
 {
     if (nbuckets == 0)
         nbuckets = 1;
     if (nbuckets > HASH_MAX_BUCKETS)
         nbuckets = HASH_MAX_BUCKETS;
-    hash_cell **nb = static_cast<hash_cell **>(stg_malloc(sizeof(hash_cell *) * nbuckets));
+    hash_cell **nb = new_buckets(nbuckets);
     if (!nb)
         return 1;
-    memset(nb, 0, sizeof(hash_cell *) * nbuckets);
     uint64_t magic = bucket_magic_for(nbuckets);
     for (uint32_t b = 0; b < table->nbuckets; b++) {
         hash_cell *c = table->buckets[b];
@@ -315,7 +319,7 @@ KS_API int hash_resize(hash_table_t *table, uint32_t nbuckets)
     return 0;
 }
 
-KS_API void hash_delete_ht(hash_table_t **table)
+void hash_delete_ht(hash_table_t **table)
 {
     if (!table || !*table)
         return;
@@ -326,27 +330,27 @@ KS_API void hash_delete_ht(hash_table_t **table)
     *table = nullptr;
 }
 
-KS_API uint32_t hash_count(const hash_table_t *table)
+uint32_t hash_count(const hash_table_t *table)
 {
     return table->cells;
 }
 
-KS_API uint32_t hash_nbuckets(const hash_table_t *table)
+uint32_t hash_nbuckets(const hash_table_t *table)
 {
     return table->nbuckets;
 }
 
-KS_API int hash_next(hash_table_t *table, hash_cursor_t **cursor, hash_cell_t **cell)
+int hash_next(hash_table_t *table, hash_cursor_t **cursor, hash_cell_t **cell)
 {
     return scan_next(table, cursor, cell);
 }
 
-KS_API int hash_next_in_order(hash_table_t *table, hash_cursor_t **cursor, hash_cell_t **cell)
+int hash_next_in_order(hash_table_t *table, hash_cursor_t **cursor, hash_cell_t **cell)
 {
     return scan_next_in_order(table, cursor, cell);
 }
 
-KS_API void hash_term_scan(hash_cursor_t **cursor)
+void hash_term_scan(hash_cursor_t **cursor)
 {
     if (!cursor)
         return;
@@ -354,15 +358,14 @@ KS_API void hash_term_scan(hash_cursor_t **cursor)
     *cursor = nullptr;
 }
 
-KS_API void *hash_cell_data(hash_cell_t *cell)
+void *hash_cell_data(hash_cell_t *cell)
 {
     return cell ? cell_data(cell) : nullptr;
 }
 
-KS_API void hash_dump_stats(const hash_table_t *table)
+void hash_dump_stats(const hash_table_t *table)
 {
-    enum { histogram_size = 50 };
-    uint32_t histogram[histogram_size] = {};
+    uint32_t histogram[kHistogramSize] = {};
     printf("-------------------------- Hash Table Statistics ------------------------------\n");
     for (uint32_t b = 0; b < table->nbuckets; b++) {
         int n = 0;
@@ -370,7 +373,7 @@ KS_API void hash_dump_stats(const hash_table_t *table)
             n++;
         if (n > 0)
             printf("bucket %lu: %d\n", static_cast<unsigned long>(b), n);
-        if (n < histogram_size)
+        if (n < kHistogramSize)
             histogram[n]++;
     }
     int nfree = 0;
@@ -381,7 +384,7 @@ KS_API void hash_dump_stats(const hash_table_t *table)
     printf("\n");
     printf("number of buckets: %lu\n", static_cast<unsigned long>(table->nbuckets));
     printf("number of cells: %lu\n", static_cast<unsigned long>(table->cells));
-    for (int i = 0; i < histogram_size; i++)
+    for (int i = 0; i < kHistogramSize; i++)
         if (histogram[i] > 0)
             printf("#buckets with %d entries: %d\n", i, static_cast<int>(histogram[i]));
 }
@@ -389,14 +392,14 @@ KS_API void hash_dump_stats(const hash_table_t *table)
 // Lines end only where the texts carry a newline: the key-type part of the
 // header and the cells of an unordered table carry none, so what follows
 // them runs on in the same line.
-KS_API void hash_dump(const hash_table_t *table)
+void hash_dump(const hash_table_t *table)
 {
     printf("-------------------------- Hash Table Dump ------------------------------------\n");
     printf("(hash) ht 0x%016lx: bkts=0x%016lx, #bkts=%lu, #cells=%lu, dbytes=%lu,\n", ptr(table),
            ptr(table->buckets), static_cast<unsigned long>(table->nbuckets),
            static_cast<unsigned long>(table->cells), static_cast<unsigned long>(table->data_bytes));
-    printf("       area=0x%016lx, keytype=%s, copyk=%c", ptr(table->area), key_type_name(table->key_type),
-           table->copy_keys ? 'T' : 'F');
+    printf("       area=0x%016lx, keytype=%s, copyk=%c", ptr(table->area),
+           key_type_name(table->key_type), table->copy_keys ? 'T' : 'F');
     if (table->key_type == HASH_KEY_FLEN)
         printf(", key_bytes=%lu", static_cast<unsigned long>(table->key_bytes));
     if (table->limit > 0 || table->ordered)
@@ -409,7 +412,8 @@ KS_API void hash_dump(const hash_table_t *table)
             printf("  cell 0x%016lx: ", ptr(c));
             if (table->key_type == HASH_KEY_INT)
                 printf("key=%ld, ", static_cast<long>(c->key.ival));
-            printf("hval=%u, datap=0x%016lx, next=0x%016lx", c->hval, ptr(cell_data(c)), ptr(c->next));
+            printf("hval=%u, datap=0x%016lx, next=0x%016lx", c->hval, ptr(cell_data(c)),
+                   ptr(c->next));
             if (table->ordered) {
                 hash_order_links *l = links(c);
                 printf(", order=0x%016lx, back=0x%016lx\n", ptr(l->order_next), ptr(l->order_back));
@@ -419,5 +423,3 @@ KS_API void hash_dump(const hash_table_t *table)
         }
     }
 }
-
-} // extern "C"

@@ -9,7 +9,6 @@ namespace {
 
 using namespace ks::hashimpl;
 
-
 inline uint32_t hash_of(const hash_table_t *t, const void *key)
 {
     return t->hash ? t->hash(key) : bytes_hash_value(key, t->key_bytes);
@@ -49,7 +48,7 @@ int lookup_action(hash_table_t *t, const void *key, const void **key_out, void *
 {
     hash_cell *c = nullptr;
     int found = 0;
-    if (a != look && a != enter && a != release) {
+    if (a != ACT_LOOKUP && a != ACT_ENTER && a != ACT_RELEASE) {
         report_unexpected();
     } else {
         if (!key) {
@@ -89,53 +88,51 @@ int next_common(hash_cell *c, int r, const void **key_out, void **data)
 
 } // namespace
 
-extern "C" {
-
-KS_API hash_table_t *hash_flen_create(uint32_t hint, uint32_t data_bytes, int copy_keys, uint32_t key_bytes)
+hash_table_t *hash_flen_create(uint32_t hint, uint32_t data_bytes, int copy_keys,
+                               uint32_t key_bytes)
 {
     return hash_create_ht(hint, data_bytes, HASH_KEY_FLEN, copy_keys, key_bytes, nullptr, nullptr);
 }
 
-KS_API hash_table_t *hash_flen_create_with_fns(uint32_t hint, uint32_t data_bytes, int copy_keys,
-                                               uint32_t key_bytes, hash_fn_t hash, hash_compare_fn_t compare)
+hash_table_t *hash_flen_create_with_fns(uint32_t hint, uint32_t data_bytes, int copy_keys,
+                                        uint32_t key_bytes, hash_fn_t hash,
+                                        hash_compare_fn_t compare)
 {
     return hash_create_ht(hint, data_bytes, HASH_KEY_FLEN, copy_keys, key_bytes, hash, compare);
 }
 
-KS_API int hash_flen_lookup_action(hash_table_t *table, const void *key, const void **key_out, void **data,
-                                   int action)
+int hash_flen_lookup_action(hash_table_t *table, const void *key, const void **key_out, void **data,
+                            int action)
 {
     return lookup_action(table, key, key_out, data, action);
 }
 
-KS_API int hash_flen_enter(hash_table_t *table, const void *key, const void **key_out, void **data)
+int hash_flen_enter(hash_table_t *table, const void *key, const void **key_out, void **data)
 {
-    return lookup_action(table, key, key_out, data, enter);
+    return lookup_action(table, key, key_out, data, ACT_ENTER);
 }
 
-KS_API int hash_flen_lookup(hash_table_t *table, const void *key, const void **key_out, void **data)
+int hash_flen_lookup(hash_table_t *table, const void *key, const void **key_out, void **data)
 {
-    return lookup_action(table, key, key_out, data, look);
+    return lookup_action(table, key, key_out, data, ACT_LOOKUP);
 }
 
-KS_API int hash_flen_free(hash_table_t *table, const void *key, const void **key_out, void **data)
+int hash_flen_free(hash_table_t *table, const void *key, const void **key_out, void **data)
 {
-    return lookup_action(table, key, key_out, data, release);
+    return lookup_action(table, key, key_out, data, ACT_RELEASE);
 }
 
-KS_API int hash_flen_next(hash_table_t *table, hash_cursor_t **cursor, const void **key_out, void **data)
+int hash_flen_next(hash_table_t *table, hash_cursor_t **cursor, const void **key_out, void **data)
 {
     hash_cell *c;
     int r = scan_next(table, cursor, &c);
     return next_common(c, r, key_out, data);
 }
 
-KS_API int hash_flen_next_in_order(hash_table_t *table, hash_cursor_t **cursor, const void **key_out,
-                                   void **data)
+int hash_flen_next_in_order(hash_table_t *table, hash_cursor_t **cursor, const void **key_out,
+                            void **data)
 {
     hash_cell *c;
     int r = scan_next_in_order(table, cursor, &c);
     return next_common(c, r, key_out, data);
 }
-
-} // extern "C"

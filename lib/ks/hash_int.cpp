@@ -5,7 +5,6 @@ namespace {
 
 using namespace ks::hashimpl;
 
-
 // The slot that points at the key's cell, or null.  Integer keys are cheaper
 // to compare than the stored hash would be, so the compare comes first.
 inline hash_cell **find(hash_table_t *t, int32_t key, uint32_t h)
@@ -24,17 +23,18 @@ inline hash_cell **find(hash_table_t *t, int32_t key, uint32_t h)
 }
 
 // Inlined into each entry point, so that the action folds away.
-__attribute__((always_inline)) inline int lookup_action(hash_table_t *t, int32_t key, const int32_t **key_out, void **data, action a)
+__attribute__((always_inline)) inline int
+lookup_action(hash_table_t *t, int32_t key, const int32_t **key_out, void **data, action a)
 {
     uint32_t h = t->hash == int_hash ? int_hash_value(key) : t->hash(&key);
     hash_cell **link = find(t, key, h);
     hash_cell *c = link ? *link : nullptr;
     int found = c != nullptr;
-    if (a == enter && !c) {
+    if (a == ACT_ENTER && !c) {
         c = add_cell(t, h);
         if (c)
             c->key.ival = key;
-    } else if (a == release && c) {
+    } else if (a == ACT_RELEASE && c) {
         release_cell(t, link);
     }
     if (key_out)
@@ -53,41 +53,37 @@ int next_common(hash_cell *c, int r, const int32_t **key_out, void **data)
 
 } // namespace
 
-extern "C" {
-
-KS_API hash_table_t *hash_int_create(uint32_t hint, uint32_t data_bytes)
+hash_table_t *hash_int_create(uint32_t hint, uint32_t data_bytes)
 {
     return hash_create_ht(hint, data_bytes, HASH_KEY_INT, 1, 0, nullptr, nullptr);
 }
 
-KS_API int hash_int_enter(hash_table_t *table, int32_t key, const int32_t **key_out, void **data)
+int hash_int_enter(hash_table_t *table, int32_t key, const int32_t **key_out, void **data)
 {
-    return lookup_action(table, key, key_out, data, enter);
+    return lookup_action(table, key, key_out, data, ACT_ENTER);
 }
 
-KS_API int hash_int_lookup(hash_table_t *table, int32_t key, const int32_t **key_out, void **data)
+int hash_int_lookup(hash_table_t *table, int32_t key, const int32_t **key_out, void **data)
 {
-    return lookup_action(table, key, key_out, data, look);
+    return lookup_action(table, key, key_out, data, ACT_LOOKUP);
 }
 
-KS_API int hash_int_free(hash_table_t *table, int32_t key, const int32_t **key_out, void **data)
+int hash_int_free(hash_table_t *table, int32_t key, const int32_t **key_out, void **data)
 {
-    return lookup_action(table, key, key_out, data, release);
+    return lookup_action(table, key, key_out, data, ACT_RELEASE);
 }
 
-KS_API int hash_int_next(hash_table_t *table, hash_cursor_t **cursor, const int32_t **key_out, void **data)
+int hash_int_next(hash_table_t *table, hash_cursor_t **cursor, const int32_t **key_out, void **data)
 {
     hash_cell *c;
     int r = scan_next(table, cursor, &c);
     return next_common(c, r, key_out, data);
 }
 
-KS_API int hash_int_next_in_order(hash_table_t *table, hash_cursor_t **cursor, const int32_t **key_out,
-                                  void **data)
+int hash_int_next_in_order(hash_table_t *table, hash_cursor_t **cursor, const int32_t **key_out,
+                           void **data)
 {
     hash_cell *c;
     int r = scan_next_in_order(table, cursor, &c);
     return next_common(c, r, key_out, data);
 }
-
-} // extern "C"

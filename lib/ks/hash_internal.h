@@ -1,5 +1,6 @@
-// The hash table's records and the cell engine shared by the per-key-kind
-// files (hash_int, hash_str, hash_flen).  Never installed.
+// Internal: included by hash.cpp, hash_int.cpp, hash_str.cpp and hash_flen.cpp;
+// never installed.  The hash table's records and the cell engine shared by
+// the per-key-kind files.
 #ifndef KS_HASH_INTERNAL_H
 #define KS_HASH_INTERNAL_H
 
@@ -10,12 +11,12 @@
 #include <string.h>
 
 struct hash_cell {
-    hash_cell *next;            // bucket chain
+    hash_cell *next; // bucket chain
     union {
-        const void *ptr;        // string and fixed-length keys
-        int32_t ival;           // integer keys live in the cell
+        const void *ptr; // string and fixed-length keys
+        int32_t ival;    // integer keys live in the cell
     } key;
-    uint32_t hval;              // full hash, before reduction
+    uint32_t hval; // full hash, before reduction
     // data_bytes of data follow at offset sizeof(hash_cell)
 };
 
@@ -26,7 +27,7 @@ struct hash_order_links {
 };
 
 struct hash_table {
-    hash_cell **buckets;        // heap
+    hash_cell **buckets; // heap
     stg_area_t area;
     uint32_t cells;
     hash_cell *first;
@@ -43,9 +44,9 @@ struct hash_table {
     hash_fn_t hash;
     hash_compare_fn_t compare;
     // Engine bookkeeping, after the described fields.
-    int32_t made_cells;         // set once the first cell is taken from the area
-    const void *null_key;       // stands in for a null fixed-length key
-    uint64_t bucket_magic;      // reciprocal of nbuckets, see bucket_index
+    int32_t made_cells;    // set once the first cell is taken from the area
+    const void *null_key;  // stands in for a null fixed-length key
+    uint64_t bucket_magic; // reciprocal of nbuckets, see bucket_index
 };
 
 struct hash_cursor {
@@ -63,7 +64,8 @@ inline void *cell_data(hash_cell *c)
 
 inline hash_order_links *links(hash_cell *c)
 {
-    return reinterpret_cast<hash_order_links *>(reinterpret_cast<char *>(c) - sizeof(hash_order_links));
+    return reinterpret_cast<hash_order_links *>(reinterpret_cast<char *>(c) -
+                                                sizeof(hash_order_links));
 }
 
 // Built-in procedures.
@@ -111,8 +113,10 @@ inline uint32_t str_hash_value(const char *s)
 {
     const unsigned char *p = reinterpret_cast<const unsigned char *>(s);
     size_t n = strlen(s);
-    const uint32_t p1 = 129, p2 = p1 * p1, p3 = p2 * p1, p4 = p2 * p2;
-    const uint32_t p5 = p4 * p1, p6 = p4 * p2, p7 = p4 * p3, p8 = p4 * p4;
+    // Powers of 129, wrapping as the hash does.
+    constexpr uint32_t kPow1 = 129, kPow2 = kPow1 * kPow1, kPow3 = kPow2 * kPow1;
+    constexpr uint32_t kPow4 = kPow2 * kPow2, kPow5 = kPow4 * kPow1, kPow6 = kPow4 * kPow2;
+    constexpr uint32_t kPow7 = kPow4 * kPow3, kPow8 = kPow4 * kPow4;
     uint32_t h = 0;
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
@@ -123,9 +127,9 @@ inline uint32_t str_hash_value(const char *s)
                 h = str_hash_step(h, p[i + j]);
         } else {
             const unsigned char *q = p + i;
-            uint32_t lo = q[0] * p7 + q[1] * p6 + q[2] * p5 + q[3] * p4;
-            uint32_t hi = q[4] * p3 + q[5] * p2 + q[6] * p1 + q[7];
-            h = h * p8 + (lo + hi);
+            uint32_t lo = q[0] * kPow7 + q[1] * kPow6 + q[2] * kPow5 + q[3] * kPow4;
+            uint32_t hi = q[4] * kPow3 + q[5] * kPow2 + q[6] * kPow1 + q[7];
+            h = h * kPow8 + (lo + hi);
         }
     }
     for (; i < n; i++)
@@ -159,21 +163,26 @@ int scan_next(hash_table_t *t, hash_cursor_t **cursor, hash_cell **cell);
 int scan_next_in_order(hash_table_t *t, hash_cursor_t **cursor, hash_cell **cell);
 
 // What an entry point asks of its key: the values of hash_flen_lookup_action.
-enum action { look = 0, enter = 1, release = 2 };
+enum action {
+    ACT_LOOKUP = 0,
+    ACT_ENTER = 1,
+    ACT_RELEASE = 2
+};
 
 // The step every pointer-keyed kind shares once find() has stopped at link:
 // entering an absent key takes the key to keep from store_key (null when out
 // of memory) and then a cell; freeing releases the cell found.  Returns the
 // cell concerned (a released one included), or null.
 template <typename StoreKey>
-inline hash_cell *act_on_key(hash_table_t *t, hash_cell **link, uint32_t h, action a, StoreKey store_key)
+inline hash_cell *act_on_key(hash_table_t *t, hash_cell **link, uint32_t h, action a,
+                             StoreKey store_key)
 {
     hash_cell *c = link ? *link : nullptr;
-    if (a == enter && !c) {
+    if (a == ACT_ENTER && !c) {
         const void *stored = store_key();
         if (stored && (c = add_cell(t, h)) != nullptr)
             c->key.ptr = stored;
-    } else if (a == release && c) {
+    } else if (a == ACT_RELEASE && c) {
         release_cell(t, link);
     }
     return c;

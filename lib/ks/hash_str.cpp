@@ -11,7 +11,6 @@ namespace {
 
 using namespace ks::hashimpl;
 
-
 // The slot that points at the key's cell, or null.  The stored full hash is
 // compared before the (costlier) compare procedure is called.
 inline hash_cell **find(hash_table_t *t, const char *key, uint32_t h)
@@ -30,7 +29,8 @@ inline hash_cell **find(hash_table_t *t, const char *key, uint32_t h)
 }
 
 // Inlined into each entry point, so that the action folds away.
-__attribute__((always_inline)) inline int lookup_action(hash_table_t *t, const char *key, const char **key_out, void **data, action a)
+__attribute__((always_inline)) inline int lookup_action(hash_table_t *t, const char *key,
+                                                        const char **key_out, void **data, action a)
 {
     if (!key) {
         report_unexpected();
@@ -84,63 +84,60 @@ uint32_t str_hash_nospace(const void *key)
 
 int str_compare_nospace(const void *stored, const void *probe)
 {
-    return strutl_cmp_ignore_whitespace(static_cast<const char *>(stored), static_cast<const char *>(probe)) == 0;
+    return strutl_cmp_ignore_whitespace(static_cast<const char *>(stored),
+                                        static_cast<const char *>(probe)) == 0;
 }
 
 } // namespace hashimpl
 } // namespace ks
 
-extern "C" {
-
-KS_API hash_table_t *hash_str_create(uint32_t hint, uint32_t data_bytes, int copy_keys)
+hash_table_t *hash_str_create(uint32_t hint, uint32_t data_bytes, int copy_keys)
 {
     return hash_create_ht(hint, data_bytes, HASH_KEY_STR, copy_keys, 0, nullptr, nullptr);
 }
 
-KS_API void hash_str_ignore_spaces(hash_table_t *table)
+void hash_str_ignore_spaces(hash_table_t *table)
 {
     table->hash = str_hash_nospace;
     table->compare = str_compare_nospace;
 }
 
-KS_API int hash_str_enter(hash_table_t *table, const char *key, const char **key_out, void **data)
+int hash_str_enter(hash_table_t *table, const char *key, const char **key_out, void **data)
 {
-    return lookup_action(table, key, key_out, data, enter);
+    return lookup_action(table, key, key_out, data, ACT_ENTER);
 }
 
-KS_API int hash_str_lookup(hash_table_t *table, const char *key, const char **key_out, void **data)
+int hash_str_lookup(hash_table_t *table, const char *key, const char **key_out, void **data)
 {
-    return lookup_action(table, key, key_out, data, look);
+    return lookup_action(table, key, key_out, data, ACT_LOOKUP);
 }
 
-KS_API int hash_str_free(hash_table_t *table, const char *key, const char **key_out, void **data)
+int hash_str_free(hash_table_t *table, const char *key, const char **key_out, void **data)
 {
-    return lookup_action(table, key, key_out, data, release);
+    return lookup_action(table, key, key_out, data, ACT_RELEASE);
 }
 
-KS_API int hash_str_enter_list(hash_table_t *table, const list_t *list)
+int hash_str_enter_list(hash_table_t *table, const list_t *list)
 {
     int all_present = 1;
     void *datum;
     for (list_elem_t *e = list_next(list, nullptr, &datum); e; e = list_next(list, e, &datum))
-        if (!lookup_action(table, static_cast<const char *>(datum), nullptr, nullptr, enter))
+        if (!lookup_action(table, static_cast<const char *>(datum), nullptr, nullptr, ACT_ENTER))
             all_present = 0;
     return all_present;
 }
 
-KS_API int hash_str_next(hash_table_t *table, hash_cursor_t **cursor, const char **key_out, void **data)
+int hash_str_next(hash_table_t *table, hash_cursor_t **cursor, const char **key_out, void **data)
 {
     hash_cell *c;
     int r = scan_next(table, cursor, &c);
     return next_common(c, r, key_out, data);
 }
 
-KS_API int hash_str_next_in_order(hash_table_t *table, hash_cursor_t **cursor, const char **key_out,
-                                  void **data)
+int hash_str_next_in_order(hash_table_t *table, hash_cursor_t **cursor, const char **key_out,
+                           void **data)
 {
     hash_cell *c;
     int r = scan_next_in_order(table, cursor, &c);
     return next_common(c, r, key_out, data);
 }
-
-} // extern "C"

@@ -4,19 +4,17 @@
 #include "ks/imsg.h"
 #include "ks/pfm.h"
 #include "ks/stg.h"
+#include "list_msg.h"
 
 #include <string.h>
 
 namespace {
 
-const int msg_attr_overflow = 1;
-const int msg_no_storage = 2;
-
 // Lists never hand an allocation failure back: every caller would have to
 // unwind a half-built structure, so the process stops here instead.
 [[noreturn]] void no_storage(int line)
 {
-    imsg_print_shared(IMSG_ERROR, "ks/list", &_list_ks_msg_table, msg_no_storage);
+    imsg_print_shared(IMSG_ERROR, "ks/list", &_list_ks_msg_table, LIST_MSG_NO_STORAGE);
     pfm_panic(__FILE_NAME__, line);
 }
 
@@ -53,9 +51,7 @@ inline void link_last(list_t *list, list_elem_t *e)
 
 } // namespace
 
-extern "C" {
-
-KS_API list_t *list_create(stg_area_t area, uint32_t attr_size)
+list_t *list_create(stg_area_t area, uint32_t attr_size)
 {
     list_t *list = static_cast<list_t *>(stg_alloc(area, sizeof(list_t)));
     if (!list)
@@ -67,7 +63,7 @@ KS_API list_t *list_create(stg_area_t area, uint32_t attr_size)
     return list;
 }
 
-KS_API void list_destroy(list_t *list)
+void list_destroy(list_t *list)
 {
     if (!list || list->area != STG_AREA_HEAP)
         return;
@@ -80,12 +76,12 @@ KS_API void list_destroy(list_t *list)
     stg_free(list);
 }
 
-KS_API int list_is_empty(const list_t *list)
+int list_is_empty(const list_t *list)
 {
     return !list || list->last == nullptr;
 }
 
-KS_API list_elem_t *list_append(list_t *list, void *data)
+list_elem_t *list_append(list_t *list, void *data)
 {
     list_elem_t *e = new_elem(list, data, __LINE__);
     pfm_inhibit();
@@ -94,7 +90,7 @@ KS_API list_elem_t *list_append(list_t *list, void *data)
     return e;
 }
 
-KS_API list_elem_t *list_insert(list_t *list, list_elem_t *elem, void *data)
+list_elem_t *list_insert(list_t *list, list_elem_t *elem, void *data)
 {
     list_elem_t *e = new_elem(list, data, __LINE__);
     pfm_inhibit();
@@ -111,7 +107,7 @@ KS_API list_elem_t *list_insert(list_t *list, list_elem_t *elem, void *data)
     return e;
 }
 
-KS_API void list_remove(list_t *list, list_elem_t *elem)
+void list_remove(list_t *list, list_elem_t *elem)
 {
     if (!list || !elem)
         return;
@@ -137,7 +133,7 @@ KS_API void list_remove(list_t *list, list_elem_t *elem)
         stg_free(elem);
 }
 
-KS_API list_elem_t *list_next(const list_t *list, const list_elem_t *elem, void **data)
+list_elem_t *list_next(const list_t *list, const list_elem_t *elem, void **data)
 {
     list_elem_t *e = elem ? elem->next : (list ? list->first : nullptr);
     if (data)
@@ -145,7 +141,7 @@ KS_API list_elem_t *list_next(const list_t *list, const list_elem_t *elem, void 
     return e;
 }
 
-KS_API list_elem_t *list_final(const list_t *list, void **data)
+list_elem_t *list_final(const list_t *list, void **data)
 {
     list_elem_t *e = list ? list->last : nullptr;
     if (data)
@@ -153,11 +149,12 @@ KS_API list_elem_t *list_final(const list_t *list, void **data)
     return e;
 }
 
-KS_API void *list_concat(list_t *dst, const list_t *src)
+void *list_concat(list_t *dst, const list_t *src)
 {
     if (!src || !src->first)
         return nullptr;
-    size_t copy = sizeof(list_elem_t) + (src->attr_size < dst->attr_size ? src->attr_size : dst->attr_size);
+    size_t copy =
+        sizeof(list_elem_t) + (src->attr_size < dst->attr_size ? src->attr_size : dst->attr_size);
     // Stop at the source's present end, so that concatenating a list onto
     // itself copies it once instead of chasing its own copies.
     const list_elem_t *end = src->last;
@@ -175,10 +172,10 @@ KS_API void *list_concat(list_t *dst, const list_t *src)
     return nullptr;
 }
 
-KS_API void list_set_attrs(list_t *list, list_elem_t *elem, uint32_t count, const void *bytes)
+void list_set_attrs(list_t *list, list_elem_t *elem, uint32_t count, const void *bytes)
 {
     if (count > list->attr_size) {
-        imsg_print(IMSG_ERROR, &_list_ks_msg_table, msg_attr_overflow, static_cast<int>(count),
+        imsg_print(IMSG_ERROR, &_list_ks_msg_table, LIST_MSG_ATTR_TOO_BIG, static_cast<int>(count),
                    static_cast<int>(list->attr_size));
         pfm_panic(__FILE_NAME__, __LINE__);
     }
@@ -186,26 +183,24 @@ KS_API void list_set_attrs(list_t *list, list_elem_t *elem, uint32_t count, cons
         memcpy(attrs_of(elem), bytes, count);
 }
 
-KS_API void *list_get_attrs(const list_t *list, list_elem_t *elem, uint32_t *size)
+void *list_get_attrs(const list_t *list, list_elem_t *elem, uint32_t *size)
 {
     if (size)
         *size = list->attr_size;
     return attrs_of(elem);
 }
 
-KS_API void list_set_data(list_t *list, list_elem_t *elem, void *data)
+void list_set_data(list_t * /*list*/, list_elem_t *elem, void *data)
 {
-    (void)list;
     elem->data = data;
 }
 
-KS_API void *list_get_data(const list_t *list, const list_elem_t *elem)
+void *list_get_data(const list_t * /*list*/, const list_elem_t *elem)
 {
-    (void)list;
     return elem->data;
 }
 
-KS_API uint32_t list_length(const list_t *list)
+uint32_t list_length(const list_t *list)
 {
     uint32_t n = 0;
     if (list)
@@ -213,5 +208,3 @@ KS_API uint32_t list_length(const list_t *list)
             n++;
     return n;
 }
-
-} // extern "C"

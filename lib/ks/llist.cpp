@@ -1,12 +1,12 @@
 // Intrusive circular doubly linked lists with a sentinel head.
 #include "ks/list.h"
 
-#include "ks/pfm.h"
+#include "ks_assert.h"
 
 namespace {
 
-// As PFM_ASSERT, naming the source file without the build's directories.
-#define LLIST_ASSERT(expr) ((expr) ? (void)0 : pfm_assert_fail(#expr, __FILE_NAME__, __LINE__))
+// What a failed check of a node's links prints, as it always has.
+constexpr char kLinkedCheck[] = "elem->next != NULL && elem->prev != NULL";
 
 // A zero-filled head (a static or calloc'ed record) is an empty list that
 // nobody has set up yet.
@@ -28,7 +28,7 @@ inline void link_before(llist_d_node_t *node, llist_d_node_t *pos)
 
 inline void *unlink(llist_d_node_t *elem)
 {
-    LLIST_ASSERT(elem->next != NULL && elem->prev != NULL);
+    KS_ASSERT(elem->next != nullptr && elem->prev != nullptr, kLinkedCheck);
     elem->prev->next = elem->next;
     elem->next->prev = elem->prev;
     void *data = elem->data;
@@ -40,9 +40,7 @@ inline void *unlink(llist_d_node_t *elem)
 
 } // namespace
 
-extern "C" {
-
-KS_API void llist_d_insert(llist_d_node_t *head, void *data, llist_d_node_t *node, llist_d_order_fn order)
+void llist_d_insert(llist_d_node_t *head, void *data, llist_d_node_t *node, llist_d_order_fn order)
 {
     init_head(head);
     node->data = data;
@@ -57,25 +55,22 @@ KS_API void llist_d_insert(llist_d_node_t *head, void *data, llist_d_node_t *nod
     link_before(node, pos);
 }
 
-KS_API void llist_d_insert_before(llist_d_node_t *head, void *data, llist_d_node_t *node,
-                                  llist_d_node_t *pos)
+void llist_d_insert_before(llist_d_node_t *head, void *data, llist_d_node_t *node,
+                           llist_d_node_t *pos)
 {
     init_head(head);
     node->data = data;
     link_before(node, pos);
 }
 
-KS_API void *llist_d_remove(llist_d_node_t *node)
+void *llist_d_remove(llist_d_node_t *node)
 {
     return unlink(node);
 }
 
-KS_API void llist_d_remove_list(llist_d_node_t *head)
+void llist_d_remove_list(llist_d_node_t *head)
 {
-    llist_d_node_t *elem = head;
-    LLIST_ASSERT(elem->next != NULL && elem->prev != NULL);
+    KS_ASSERT(head->next != nullptr && head->prev != nullptr, kLinkedCheck);
     while (head->next != head)
         unlink(head->next);
 }
-
-} // extern "C"

@@ -12,9 +12,7 @@ inline stack_entry_t *entry_of(list_elem_t *e)
 
 } // namespace
 
-extern "C" {
-
-KS_API stack_rec_t *stack_create(stg_area_t area, uint32_t item_size)
+stack_rec_t *stack_create(stg_area_t area, uint32_t item_size)
 {
     stack_rec_t *s = static_cast<stack_rec_t *>(stg_alloc(area, sizeof(stack_rec_t)));
     if (!s)
@@ -26,7 +24,7 @@ KS_API stack_rec_t *stack_create(stg_area_t area, uint32_t item_size)
     return s;
 }
 
-KS_API void stack_destroy(stack_rec_t **stack)
+void stack_destroy(stack_rec_t **stack)
 {
     if (!stack || !*stack)
         return;
@@ -45,9 +43,10 @@ KS_API void stack_destroy(stack_rec_t **stack)
     *stack = nullptr;
 }
 
-KS_API int stack_varlen_push(stack_rec_t *stack, void *item, uint32_t size)
+int stack_varlen_push(stack_rec_t *stack, void *item, uint32_t size)
 {
-    stack_entry_t *entry = static_cast<stack_entry_t *>(stg_alloc(stack->area, sizeof(stack_entry_t)));
+    stack_entry_t *entry =
+        static_cast<stack_entry_t *>(stg_alloc(stack->area, sizeof(stack_entry_t)));
     if (!entry)
         return 1;
     entry->prev_top = stack->top;
@@ -63,12 +62,12 @@ KS_API int stack_varlen_push(stack_rec_t *stack, void *item, uint32_t size)
     return 0;
 }
 
-KS_API int stack_push(stack_rec_t *stack, void *item)
+int stack_push(stack_rec_t *stack, void *item)
 {
     return stack_varlen_push(stack, item, stack->item_size);
 }
 
-KS_API int stack_pop(stack_rec_t *stack, void **item, uint32_t *size)
+int stack_pop(stack_rec_t *stack, void **item, uint32_t *size)
 {
     if (!stack->top) {
         if (item)
@@ -89,9 +88,7 @@ KS_API int stack_pop(stack_rec_t *stack, void **item, uint32_t *size)
     return 0;
 }
 
-KS_API uint32_t stack_depth(const stack_rec_t *stack)
+uint32_t stack_depth(const stack_rec_t *stack)
 {
     return list_length(stack->list);
 }
-
-} // extern "C"

@@ -6,29 +6,41 @@
 #include "ks/imsg.h"
 #include "ks/stg.h"
 #include "stg_internal.h"
+#include "stg_msg.h"
+#include "stg_testing.h"
+
+// One chunk of an area; the chain runs from the newest to the first created.
+struct stg_chunk {
+    uint32_t used;          // bytes handed out from the start of data
+    struct stg_chunk *next; // the chunk created before this one
+    uint32_t size;          // bytes of data
+    unsigned char *data;    // a block of its own from stg_malloc
+};
+
+// The record behind an area handle.
+struct stg_area_rec {
+    struct stg_chunk *chunks; // newest chunk
+    uint32_t first_size;      // size asked for the first chunk ("1st")
+    uint32_t base_incr;       // size of later chunks ("base")
+    uint32_t allocated;       // sum of the sizes of chunks obtained
+    uint32_t desired;         // sum of the clamped increments asked for ("des")
+    float growth;             // 0.0: no growth
+    struct stg_area_rec *next_area;
+    unsigned char zero;     // fill chunks with 0x00 instead of 0xFF
+    unsigned char incr_set; // stg_set_incr was called
+};
 
 namespace {
 
-// Message indices of the stg table.
-enum {
-    MSG_CORRUPTED = 0,
-    MSG_NO_MEMORY = 1,
-    MSG_AREA_ALLOCATED = 5,
-    MSG_CHUNK_CREATED = 6,
-    MSG_CHUNK_FREEING = 7,
-    MSG_AREA_CLEARING = 8,
-    MSG_AREA_CREATED = 9,
-    MSG_AREA_DELETING = 10,
-    MSG_DUMP_AREA = 11,
-    MSG_DUMP_CHUNK = 12
-};
-
 // No single increment may exceed this, whatever the growth factor.
-constexpr uint32_t max_increment = 102400;
+constexpr uint32_t kMaxIncrement = 102400;
 // Chunk sizes and counters are 32-bit: no bigger block can be had.
-constexpr size_t max_block = UINT32_MAX - 7;
+constexpr size_t kMaxBlock = UINT32_MAX - 7;
 
-uint32_t round8(uint32_t n) { return (n + 7) & ~static_cast<uint32_t>(7); }
+uint32_t round8(uint32_t n)
+{
+    return (n + 7) & ~static_cast<uint32_t>(7);
+}
 
 stg_area_rec *area_head;
 stg_area_rec *area_tail;
@@ -43,10 +55,16 @@ unsigned char fill_byte(const stg_area_rec *area)
     return area->zero ? 0x00 : 0xFF;
 }
 
-void trace_area(int index, const stg_area_rec *area)
+// Addresses are printed as unsigned long ("0x%08lX").
+unsigned long addr(const void *p)
+{
+    return reinterpret_cast<unsigned long>(p);
+}
+
+void trace_area(stg_msg_index index, const stg_area_rec *area)
 {
     if (ks::stg_traced(4))
-        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, index, (unsigned long)area);
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, index, addr(area));
 }
 
 // The size of the next chunk for a request of needed (already rounded) bytes;
@@ -66,13 +84,13 @@ bool chunk_size(const stg_area_rec *area, uint64_t needed, uint32_t *increment, 
                                          static_cast<double>(area->chunks->size));
         // Truncating a float beyond 32 bits is undefined; the clamp below
         // would take it down to the cap anyway.
-        incr = grown >= static_cast<float>(max_increment) ? max_increment
+        incr = grown >= static_cast<float>(kMaxIncrement) ? kMaxIncrement
                                                           : static_cast<uint32_t>(grown);
     } else {
         incr = area->base_incr;
     }
-    if (incr > max_increment)
-        incr = max_increment;
+    if (incr > kMaxIncrement)
+        incr = kMaxIncrement;
 
     uint64_t total = incr;
     if (static_cast<double>(needed) > 0.7 * static_cast<double>(incr))
@@ -91,7 +109,7 @@ stg_chunk *new_chunk(stg_area_rec *area, uint64_t needed)
 {
     uint32_t incr, size;
     if (!chunk_size(area, needed, &incr, &size)) {
-        imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_NO_MEMORY);
+        imsg_print(IMSG_ERROR, &_stg_ks_msg_table, STG_MSG_NO_MEMORY);
         errno = ENOMEM;
         return nullptr;
     }
@@ -115,8 +133,8 @@ stg_chunk *new_chunk(stg_area_rec *area, uint64_t needed)
     memset(chunk->data, fill_byte(area), size);
 
     if (ks::stg_traced(4))
-        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_CHUNK_CREATED,
-                   (unsigned long)area, (unsigned long)chunk, (unsigned)size);
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, STG_MSG_CHUNK_CREATED, addr(area), addr(chunk),
+                   size);
     chunk->next = area->chunks;
     area->chunks = chunk;
     return chunk;
@@ -128,8 +146,7 @@ void check_fill(const stg_area_rec *area, const unsigned char *p, size_t len)
     unsigned char expected = fill_byte(area);
     for (size_t i = 0; i < len; i++) {
         if (p[i] != expected) {
-            imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_CORRUPTED,
-                       (unsigned long)area, (unsigned long)(p + i));
+            imsg_print(IMSG_ERROR, &_stg_ks_msg_table, STG_MSG_CORRUPTED, addr(area), addr(p + i));
             return;
         }
     }
@@ -138,8 +155,7 @@ void check_fill(const stg_area_rec *area, const unsigned char *p, size_t len)
 void free_chunk(stg_area_rec *area, stg_chunk *chunk)
 {
     if (ks::stg_traced(4))
-        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_CHUNK_FREEING,
-                   (unsigned long)area, (unsigned long)chunk);
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, STG_MSG_CHUNK_FREEING, addr(area), addr(chunk));
     stg_free(chunk->data);
     stg_free(chunk);
 }
@@ -153,8 +169,8 @@ void free_chunk(stg_area_rec *area, stg_chunk *chunk)
         errno = EINVAL;
         return nullptr;
     }
-    if (size > max_block) {
-        imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_NO_MEMORY);
+    if (size > kMaxBlock) {
+        imsg_print(IMSG_ERROR, &_stg_ks_msg_table, STG_MSG_NO_MEMORY);
         errno = ENOMEM;
         return nullptr;
     }
@@ -183,8 +199,8 @@ void free_chunk(stg_area_rec *area, stg_chunk *chunk)
     }
     chunk->used += need;
     if (ks::stg_traced(5))
-        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_AREA_ALLOCATED,
-                   (unsigned long)area, (unsigned long)result, (unsigned)need);
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, STG_MSG_AREA_ALLOCATED, addr(area), addr(result),
+                   need);
     return result;
 }
 
@@ -192,12 +208,15 @@ void free_chunk(stg_area_rec *area, stg_chunk *chunk)
 
 namespace ks {
 
-stg_area_rec *stg_area_list_head() { return area_head; }
-stg_area_rec *stg_area_list_tail() { return area_tail; }
+size_t stg_area_count_for_testing()
+{
+    size_t n = 0;
+    for (const stg_area_rec *a = area_head; a; a = a->next_area)
+        n++;
+    return n;
+}
 
 } // namespace ks
-
-extern "C" {
 
 stg_area_t stg_create_area(uint32_t first_size)
 {
@@ -218,7 +237,7 @@ stg_area_t stg_create_area(uint32_t first_size)
     else
         area_head = area;
     area_tail = area;
-    trace_area(MSG_AREA_CREATED, area);
+    trace_area(STG_MSG_AREA_CREATED, area);
     return area;
 }
 
@@ -234,7 +253,7 @@ void stg_set_growth(stg_area_t area, double factor)
 {
     if (!is_real_area(area))
         return;
-    if (factor > 1.0)   // false for NaN as well
+    if (factor > 1.0) // false for NaN as well
         area->growth = static_cast<float>(factor);
 }
 
@@ -250,7 +269,7 @@ void *stg_alloc(stg_area_t area, size_t size)
     // its newest chunk and tracing off (a verbosity not yet read from the
     // environment takes the long way).
     if (reinterpret_cast<uintptr_t>(area) > reinterpret_cast<uintptr_t>(STG_AREA_HEAP) &&
-        size <= max_block) {
+        size <= kMaxBlock) {
         uint32_t need = round8(static_cast<uint32_t>(size));
         stg_chunk *chunk = area->chunks;
         if (chunk && need <= chunk->size - chunk->used && imsg_desired_verbosity < 1) {
@@ -277,7 +296,7 @@ uint32_t stg_free_area(stg_area_t area, int keep)
 {
     if (!is_real_area(area))
         return 0;
-    trace_area(MSG_AREA_CLEARING, area);
+    trace_area(STG_MSG_AREA_CLEARING, area);
     stg_chunk *kept = nullptr;
     stg_chunk *chunk = area->chunks;
     while (chunk) {
@@ -306,7 +325,7 @@ void stg_delete_area(stg_area_t *handle)
     if (!handle || !is_real_area(*handle))
         return;
     stg_area_rec *area = *handle;
-    trace_area(MSG_AREA_DELETING, area);
+    trace_area(STG_MSG_AREA_DELETING, area);
 
     stg_area_rec *prev = nullptr;
     stg_area_rec *a = area_head;
@@ -339,20 +358,19 @@ void stg_dump_area(stg_area_t area)
         used += c->used;
         count++;
     }
-    imsg_print(IMSG_OK, &_stg_ks_msg_table, MSG_DUMP_AREA, (unsigned long)area, allocd, used,
-               count, (unsigned long)area->first_size, (unsigned long)area->base_incr,
-               (unsigned long)area->desired, static_cast<double>(area->growth));
+    imsg_print(IMSG_OK, &_stg_ks_msg_table, STG_MSG_DUMP_AREA, addr(area), allocd, used, count,
+               static_cast<unsigned long>(area->first_size),
+               static_cast<unsigned long>(area->base_incr),
+               static_cast<unsigned long>(area->desired), static_cast<double>(area->growth));
     // "avail" shows the bytes used: the line has always read that way.
     for (const stg_chunk *c = area->chunks; c; c = c->next)
-        imsg_print(IMSG_OK, &_stg_ks_msg_table, MSG_DUMP_CHUNK, (unsigned long)c,
-                   (unsigned long)c->size, (unsigned long)c->used, (unsigned long)c->data,
-                   (unsigned long)c->next);
+        imsg_print(IMSG_OK, &_stg_ks_msg_table, STG_MSG_DUMP_CHUNK, addr(c),
+                   static_cast<unsigned long>(c->size), static_cast<unsigned long>(c->used),
+                   addr(c->data), addr(c->next));
 }
 
-void stg_dump(void)
+void stg_dump()
 {
     for (stg_area_rec *a = area_head; a; a = a->next_area)
         stg_dump_area(a);
 }
-
-} // extern "C"

@@ -11,45 +11,40 @@
 #include "ks/stg.h"
 #include "ks_internal.h"
 #include "stg_internal.h"
-
-namespace ks {
-
-void (*stg_release_hook)(const void *block, size_t len) = nullptr;
-
-bool stg_traced(int level)
-{
-    return imsg_desired_verbosity >= level && imsg_should_trace("ks/stg", level);
-}
-
-} // namespace ks
+#include "stg_msg.h"
+#include "stg_testing.h"
 
 namespace {
 
-// Message indices of the stg table.
-enum {
-    MSG_NO_MEMORY = 1,
-    MSG_END_OVERWRITTEN = 2,
-    MSG_HEAP_ALLOCATED = 3,
-    MSG_HEAP_FREEING = 4,
-    MSG_HEAP_REALLOCATED = 13
-};
+constexpr size_t kHeaderSize = 8;
+constexpr unsigned char kUserFill = 0xFF;
+constexpr unsigned char kGuardFill = 0xAA;
+// Freed blocks read as this double, so a stale pointer's data stands out.
+constexpr double kDeadPattern = 3735928559.0;
 
-constexpr size_t header_size = 8;
-constexpr unsigned char user_fill = 0xFF;
-constexpr unsigned char guard_fill = 0xAA;
+void (*release_hook)(const void *block, size_t len) = nullptr;
 
 // The heap traces print through the message layer, which may itself take
 // memory from here; a trace issued from inside another would never end.
 int tracing;
 
-size_t round8(size_t n) { return (n + 7) & ~static_cast<size_t>(7); }
+// Addresses are printed as unsigned long ("0x%08lX").
+unsigned long addr(const void *p)
+{
+    return reinterpret_cast<unsigned long>(p);
+}
+
+size_t round8(size_t n)
+{
+    return (n + 7) & ~static_cast<size_t>(7);
+}
 
 // Bytes the debugging heap takes for n user bytes, 0 when that overflows.
 size_t debug_block_size(size_t n)
 {
-    if (n > SIZE_MAX - 2 * header_size - 7)
+    if (n > SIZE_MAX - 2 * kHeaderSize - 7)
         return 0;
-    return round8(n) + 2 * header_size;
+    return round8(n) + 2 * kHeaderSize;
 }
 
 bool heap_traced()
@@ -59,7 +54,7 @@ bool heap_traced()
 
 void report_no_memory()
 {
-    imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_NO_MEMORY);
+    imsg_print(IMSG_ERROR, &_stg_ks_msg_table, STG_MSG_NO_MEMORY);
     errno = ENOMEM;
 }
 
@@ -67,7 +62,7 @@ void report_no_memory()
 size_t debug_size(const void *p)
 {
     uint64_t n;
-    memcpy(&n, static_cast<const unsigned char *>(p) - header_size, sizeof n);
+    memcpy(&n, static_cast<const unsigned char *>(p) - kHeaderSize, sizeof n);
     return static_cast<size_t>(n);
 }
 
@@ -75,7 +70,7 @@ void write_header_and_guard(unsigned char *block, size_t n)
 {
     uint64_t stored = n;
     memcpy(block, &stored, sizeof stored);
-    memset(block + header_size + n, guard_fill, round8(n) - n + header_size);
+    memset(block + kHeaderSize + n, kGuardFill, round8(n) - n + kHeaderSize);
 }
 
 // Reports the first guard byte of block p that is no longer 0xAA.
@@ -83,11 +78,11 @@ void check_guard(const void *p)
 {
     size_t n = debug_size(p);
     const unsigned char *guard = static_cast<const unsigned char *>(p) + n;
-    size_t len = round8(n) - n + header_size;
+    size_t len = round8(n) - n + kHeaderSize;
     for (size_t i = 0; i < len; i++) {
-        if (guard[i] != guard_fill) {
-            imsg_print(IMSG_ERROR, &_stg_ks_msg_table, MSG_END_OVERWRITTEN,
-                       (unsigned long)p, (unsigned long)(guard + i));
+        if (guard[i] != kGuardFill) {
+            imsg_print(IMSG_ERROR, &_stg_ks_msg_table, STG_MSG_HEAP_OVERWRITTEN, addr(p),
+                       addr(guard + i));
             return;
         }
     }
@@ -124,7 +119,19 @@ void c_free(void *p)
 
 } // namespace
 
-extern "C" {
+namespace ks {
+
+bool stg_traced(int level)
+{
+    return imsg_desired_verbosity >= level && imsg_should_trace("ks/stg", level);
+}
+
+void stg_set_release_hook_for_testing(void (*hook)(const void *block, size_t len))
+{
+    release_hook = hook;
+}
+
+} // namespace ks
 
 void *stg_malloc(size_t size)
 {
@@ -135,9 +142,9 @@ void *stg_malloc(size_t size)
         size_t total = debug_block_size(size);
         unsigned char *block = total ? static_cast<unsigned char *>(c_malloc(total)) : nullptr;
         if (block) {
-            memset(block + header_size, user_fill, size);
+            memset(block + kHeaderSize, kUserFill, size);
             write_header_and_guard(block, size);
-            result = block + header_size;
+            result = block + kHeaderSize;
         }
     } else {
         result = c_malloc(size);
@@ -147,8 +154,8 @@ void *stg_malloc(size_t size)
     if (heap_traced()) {
         int saved = errno;
         tracing++;
-        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_HEAP_ALLOCATED,
-                   (unsigned long)result, (unsigned)size);
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, STG_MSG_HEAP_ALLOCATED, addr(result),
+                   static_cast<unsigned>(size));
         tracing--;
         errno = saved;
     }
@@ -164,11 +171,12 @@ void *stg_realloc(void *p, size_t size)
         if (p)
             check_guard(p);
         size_t total = debug_block_size(size);
-        unsigned char *old = p ? static_cast<unsigned char *>(p) - header_size : nullptr;
-        unsigned char *block = total ? static_cast<unsigned char *>(c_realloc(old, total)) : nullptr;
+        unsigned char *old = p ? static_cast<unsigned char *>(p) - kHeaderSize : nullptr;
+        unsigned char *block =
+            total ? static_cast<unsigned char *>(c_realloc(old, total)) : nullptr;
         if (block) {
             write_header_and_guard(block, size);
-            result = block + header_size;
+            result = block + kHeaderSize;
         }
     } else {
         result = c_realloc(p, size);
@@ -178,8 +186,8 @@ void *stg_realloc(void *p, size_t size)
     if (heap_traced()) {
         int saved = errno;
         tracing++;
-        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_HEAP_REALLOCATED,
-                   (unsigned long)p, (unsigned long)result, (unsigned)size);
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, STG_MSG_HEAP_REALLOCATED, addr(p), addr(result),
+                   static_cast<unsigned>(size));
         tracing--;
         errno = saved;
     }
@@ -190,7 +198,7 @@ void stg_free(void *p)
 {
     if (heap_traced()) {
         tracing++;
-        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, MSG_HEAP_FREEING, (unsigned long)p);
+        imsg_print(IMSG_TRACE, &_stg_ks_msg_table, STG_MSG_HEAP_FREEING, addr(p));
         tracing--;
     }
     if (!p)
@@ -200,16 +208,14 @@ void stg_free(void *p)
         return;
     }
     check_guard(p);
-    unsigned char *block = static_cast<unsigned char *>(p) - header_size;
-    size_t total = round8(debug_size(p)) + 2 * header_size;
-    // Freed blocks read as this double, so a stale pointer's data stands out.
-    const double dead = 3735928559.0;
-    unsigned char pattern[sizeof dead];
-    memcpy(pattern, &dead, sizeof pattern);
+    unsigned char *block = static_cast<unsigned char *>(p) - kHeaderSize;
+    size_t total = round8(debug_size(p)) + 2 * kHeaderSize;
+    unsigned char pattern[sizeof kDeadPattern];
+    memcpy(pattern, &kDeadPattern, sizeof pattern);
     for (size_t i = 0; i < total; i += sizeof pattern)
         memcpy(block + i, pattern, sizeof pattern);
-    if (ks::stg_release_hook)
-        ks::stg_release_hook(block, total);
+    if (release_hook)
+        release_hook(block, total);
     c_free(block);
 }
 
@@ -221,5 +227,3 @@ char *stg_strdup(const char *s)
         memcpy(copy, s, len);
     return copy;
 }
-
-} // extern "C"

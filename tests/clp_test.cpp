@@ -17,7 +17,7 @@
 
 #include "ks/clp.h"
 #include "ks/stg.h"
-#include "ks_internal.h"
+#include "ks_testing.h"
 #include "ks_test_util.h"
 
 namespace {
@@ -367,7 +367,7 @@ struct HostData {
         if (collect)
             ks_test::write_file(dir.file("config/collect_history"), "");
         setenv("OTTER_HOSTDATA_DIR", dir.path().c_str(), 1);
-        ks::clock_fix(1614834367, 89123);
+        ks::clock_fix_for_testing(1614834367, 89123);
     }
     std::string history() const { return ks_test::read_file(dir.file("log/ottermere_history")); }
 };

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "ks_internal.h"
+#include "ks_testing.h"
 
 namespace {
 
@@ -116,7 +116,7 @@ TEST_P(DateZones, ShortFormsFollowThePastYear)
 {
     // 2026 is neither a multiple of 4 nor one after it: 365 days back.
     time_t now = L(2026, 11, 15, 12), year_ago = L(2025, 11, 15, 12);
-    ks::clock_fix(now, 0);
+    ks::clock_fix_for_testing(now, 0);
     ASSERT_EQ(date_one_year_ago(now), year_ago);
     std::vector<time_t> times = {now, now + 1, year_ago, year_ago + 1};
     for (time_t t = now - 800 * 86400L; t < now + 40 * 86400L; t += 17 * 3600 + 61)
@@ -128,14 +128,14 @@ TEST_P(DateZones, ShortFormsFollowThePastYear)
         ASSERT_EQ(tok(t, DATE_TOKEN_SHORT, DATE_STYLE_PRODUCT), fmt_tm(t, recent ? "%d-%b.%H:%M" : "%d-%b-%Y"));
         ASSERT_STREQ(date_fmt_ls_date_time(t), fmt_tm(t, recent ? "%b %d %H:%M" : "%b %d  %Y").c_str());
     }
-    ks::clock_release();
+    ks::clock_release_for_testing();
 }
 
 TEST_P(DateZones, ProductTokensDropTheLocaleBlanks)
 {
     // The Japanese abbreviated month names begin with a blank (" 3\x8c\x8e").
     ASSERT_NE(setlocale(LC_ALL, "ja_JP.SJIS"), nullptr) << "LOCPATH must hold ja_JP.SJIS";
-    ks::clock_fix(L(2004, 3, 10, 12), 0);
+    ks::clock_fix_for_testing(L(2004, 3, 10, 12), 0);
     time_t t = L(2004, 3, 1, 14, 5, 9);
     std::string month = fmt_tm(t, "%b");
     ASSERT_EQ(month[0], ' ');
@@ -146,7 +146,7 @@ TEST_P(DateZones, ProductTokensDropTheLocaleBlanks)
     EXPECT_EQ(parsed(want.c_str()), t) << want;
     // The ls form is no token: its blanks stay.
     EXPECT_STREQ(date_fmt_ls_date_time(t), fmt_tm(t, "%b %d %H:%M").c_str());
-    ks::clock_release();
+    ks::clock_release_for_testing();
 }
 
 INSTANTIATE_TEST_SUITE_P(Zones, DateZones,
@@ -188,7 +188,7 @@ TEST(DateFormat, OtherValuesOfTheVariableKeepIso)
 TEST(DateFormat, EveryRoutineKeepsItsOwnBuffer)
 {
     use_tz("UTC");
-    ks::clock_fix(U(2026, 11, 15, 12), 0);
+    ks::clock_fix_for_testing(U(2026, 11, 15, 12), 0);
     time_t a = U(2004, 3, 1, 14, 5, 9), b = U(2010, 10, 10, 10, 10, 10);
     const char *r[] = {date_fmt_long_date_time(a),   date_fmt_short_date_time(a),       date_fmt_short_date(a),
                        date_fmt_short_time(a),       date_fmt_ls_date_time(a),          date_fmt_token_date_time(a),
@@ -199,7 +199,7 @@ TEST(DateFormat, EveryRoutineKeepsItsOwnBuffer)
     date_fmt_token_date_time(b);
     EXPECT_EQ(std::string(r[4]) + "|" + r[7] + "|" + r[8] + "|" + r[9] + "|" + r[10],
               "Mar 01  2004|2004-03-01|2004-03-01T14:05:09Z|2004-03-01T14:05:09Z|20040301");
-    ks::clock_release();
+    ks::clock_release_for_testing();
 }
 
 TEST(DateFormat, NegativeTimesAndUnknownKindsGiveNoToken)
@@ -227,12 +227,12 @@ TEST(DateFormat, TimevalCarriesMicroseconds)
 {
     for (long usec : {2500000L, -1L, 999999L, 0L, -2500000L}) {
         struct timeval tv;
-        ks::clock_fix(1000, usec);
+        ks::clock_fix_for_testing(1000, usec);
         date_get_timeval(&tv);
         EXPECT_TRUE(tv.tv_usec >= 0 && tv.tv_usec <= 999999 && tv.tv_sec * 1000000L + tv.tv_usec == 1000000000L + usec)
             << usec << ": " << tv.tv_sec << " s " << tv.tv_usec << " us";
     }
-    ks::clock_release();
+    ks::clock_release_for_testing();
 }
 
 const char kUsage[] = "<date-time> = <date>.<time> | <date> | <time> | \"now\" | \"none\"\n"
@@ -276,8 +276,8 @@ TEST(DateNumeric, MalformedTextsFail)
 
 struct DateGrammar : ::testing::Test {
     void SetUp() override { use_tz("Europe/Berlin"), fix(2026, 11, 15); } // a Sunday, 12:00
-    void TearDown() override { ks::clock_release(); }
-    static void fix(int y, int mo, int d, int h = 12, int mi = 0) { ks::clock_fix(L(y, mo, d, h, mi), 0); }
+    void TearDown() override { ks::clock_release_for_testing(); }
+    static void fix(int y, int mo, int d, int h = 12, int mi = 0) { ks::clock_fix_for_testing(L(y, mo, d, h, mi), 0); }
 };
 
 TEST_F(DateGrammar, MissingYearFollowsTheDirection)
@@ -350,10 +350,10 @@ TEST_F(DateGrammar, Times)
 struct DateGerman : ::testing::Test {
     void SetUp() override
     {
-        use_tz("UTC"), ks::clock_fix(U(2026, 11, 15, 12), 0); // a Sunday
+        use_tz("UTC"), ks::clock_fix_for_testing(U(2026, 11, 15, 12), 0); // a Sunday
         ASSERT_NE(setlocale(LC_ALL, "de_DE.UTF-8"), nullptr) << "LOCPATH must hold de_DE.UTF-8";
     }
-    void TearDown() override { ks::clock_release(); }
+    void TearDown() override { ks::clock_release_for_testing(); }
 };
 
 TEST_F(DateGerman, LocaleNamesParse)
@@ -479,7 +479,7 @@ TEST(DateBadInput, LongTextsFail)
 TEST(DateBadInput, EveryPrefixAndRandomBytes)
 {
     use_tz("Asia/Kolkata");
-    ks::clock_fix(1800000000, 0);
+    ks::clock_fix_for_testing(1800000000, 0);
     std::vector<std::string> texts;
     for (std::string full : {"2004-06-01T14:05:09+01:30", "12-mar-2004.14:05:09UTC+01:30", "--06-01T14:05",
                              "2004-W05-3", "20040601T1405-0130", "040301.14.05"})
@@ -498,7 +498,7 @@ TEST(DateBadInput, EveryPrefixAndRandomBytes)
         int nrc = date_numeric_str_to_time(s.data(), DATE_NUMERIC_ANY, ".", &n);
         ASSERT_TRUE((rc == 0 ? t >= 0 : t == 99) && (nrc == 0 ? n >= 0 : n == 99)) << '"' << texts[i] << '"';
     }
-    ks::clock_release();
+    ks::clock_release_for_testing();
 }
 
 } // namespace

@@ -14,7 +14,7 @@
 #include "imsg_testing.h"
 #include "ks/clp.h"
 #include "ks/imsg.h"
-#include "ks_internal.h"
+#include "ks_testing.h"
 #include "ks_msg.h"
 #include "ks_test_util.h"
 
@@ -70,7 +70,7 @@ void play(std::initializer_list<lookup> steps)
 {
     for (const lookup &s : steps) {
         setenv("NLSPATH", s.nlspath, 1);
-        ks::clock_fix(s.sec, s.usec);
+        ks::clock_fix_for_testing(s.sec, s.usec);
         int index = s.table == &_ks_ks_msg_table ? kOperation : 0;
         std::string got = cat_extractmsg(s.table, index) != s.table->texts[index] ? "de" : "en";
         for (int slot : {0, 1})
@@ -82,7 +82,7 @@ void play(std::initializer_list<lookup> steps)
 TEST_F(Imsg, TranslatedCatalogueSuppliesTextsAndTheSeverityWordsOnce)
 {
     setenv("NLSPATH", kTestNls, 1);
-    ks::clock_fix(1000, 0);
+    ks::clock_fix_for_testing(1000, 0);
     EXPECT_EQ(said([] {
                   imsg_set_app_name("mytool");
                   imsg_print(IMSG_ERROR, &_ks_ks_msg_table, kOperation, "open", "weg");
@@ -153,7 +153,7 @@ TEST_F(Imsg, PrintsWithThePrefixesOfPrintSubsysAndPrintSubsysOk)
         EXPECT_EQ(said([&] {
                       setenv(c.var, "yes", 1);
                       imsg_set_app_name("a/b/mytool");
-                      ks::clock_fix(3723, 456789); // 01:02:03.456 UTC
+                      ks::clock_fix_for_testing(3723, 456789); // 01:02:03.456 UTC
                       for (auto [type, text] : {std::pair(IMSG_OK, "done\n"), {IMSG_INFO, "note\n"}, {IMSG_OK_CONT, "more\n"}})
                           imsg_print(type, text, -1);
                       imsg_print_shared(IMSG_WARNING, "sub", "w\n", -1);
@@ -236,7 +236,7 @@ TEST_F(Imsg, FormattersIntoMemory)
     got += std::to_string(imsg_snprintf(buf, 0, &_ks_ks_msg_table, kOperation, "open", "gone")) + buf + "|";
     got += std::to_string(imsg_sprintf(buf, "%d-%s", -1, 12, "z")) + buf + "|";
     got += std::to_string(imsg_snprintf_taggable(buf, sizeof buf, &_imsg_ks_msg_table, IMSG_MSG_WORD_ERROR)) + buf;
-    ks::clock_fix(3723, 456789);
+    ks::clock_fix_for_testing(3723, 456789);
     got += std::to_string(imsg_snprintf_type(buf, sizeof buf, IMSG_TRACE, "x=%d\n", -1, 4)) + buf;
     got += std::to_string(imsg_snprintf_type(buf, 10, IMSG_WARNING, "x=%d\n", -1, 4)) + buf + "|";
     imsg_set_app_name(std::string(3000, 'n').c_str()); // the count covers a prefix longer than any buffer
@@ -313,7 +313,7 @@ TEST_F(Imsg, CommandAndDaemonLogsDrivePrinting)
                   s.drain_daemon_pipes = [] { drain_calls++; };
                   ks::imsg_set_services_for_testing(s);
                   ks::imsg_set_daemon_log_name("daemon.log");
-                  ks::clock_fix(90000, 0);
+                  ks::clock_fix_for_testing(90000, 0);
                   imsg_print(IMSG_OK, "even\n", -1);
                   imsg_print(IMSG_OK_CONT, "odd\n", -1);
                   imsg_print_time(stdout, 10);
@@ -479,7 +479,7 @@ TEST_F(Imsg, ServicesOfTheLayersAboveAndThePlainThingWithoutThem)
                     ks::imsg_set_services_for_testing({});
                 imsg_set_app_name("a/b/mytool");
                 printf("%s %d|", clp_get_command(), imsg_in_gui());
-                ks::clock_fix(90000, 0);
+                ks::clock_fix_for_testing(90000, 0);
                 ks::imsg_set_daemon_log_name("daemon.log");
                 imsg_print(IMSG_OK, "line\n", -1);
                 ks::imsg_set_daemon_log_name(nullptr);

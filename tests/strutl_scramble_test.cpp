@@ -4,7 +4,7 @@
 
 #include <random>
 
-#include "ks_internal.h"
+#include "ks_testing.h"
 #include "strutl_test_util.h"
 
 TEST(StrutlHash, RotateAndAdd)
@@ -36,7 +36,7 @@ TEST(StrutlScramble, RoundTripEveryLengthAndStart)
         while (plain[len].size() < len)
             plain[len] += static_cast<char>(1 + rng() % 255);
     for (time_t t = 0; t < 64; t++) {
-        ks::clock_fix(1700000000 - 1700000000 % 64 + t, 0);
+        ks::clock_fix_for_testing(1700000000 - 1700000000 % 64 + t, 0);
         for (size_t len = 0; len <= 40; len++) {
             std::string coded = scramble(plain[len]);
             ASSERT_EQ(coded.size(), len < 7 ? short_len[len] : previous[len - 3].size() + 4);
@@ -51,7 +51,7 @@ TEST(StrutlScramble, RoundTripEveryLengthAndStart)
             ASSERT_EQ(strutl_extract_head(plain[len].c_str(), small.data(), small.size()), 1);
         }
     }
-    ks::clock_release();
+    ks::clock_release_for_testing();
 }
 
 // Refused: a foreign symbol, impossible lengths (5 or 1 data symbols plus the
@@ -61,11 +61,11 @@ TEST(StrutlScramble, RoundTripEveryLengthAndStart)
 // "a"), and a NUL byte (symbols 0 and 0 at start 0, keyed 52 and 30).
 TEST(StrutlScramble, TamperingRefused)
 {
-    ks::clock_fix(1234567, 0);
+    ks::clock_fix_for_testing(1234567, 0);
     char out[64];
     std::string c = scramble("password");
     for (std::string t : {c.substr(0, 2) + "\x80" + c.substr(3), c.substr(0, 6), c.substr(0, 2), c.substr(0, 1),
                           std::string("WRA"), std::string("Ol5")})
         EXPECT_EQ(strutl_extract_tail(t.c_str(), out, sizeof out), 1) << t;
-    ks::clock_release();
+    ks::clock_release_for_testing();
 }

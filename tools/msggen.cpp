@@ -99,7 +99,6 @@ std::string c_literal(const std::string &s)
     return out + "\"";
 }
 
-
 std::string upper(std::string s)
 {
     for (char &c : s)
@@ -140,7 +139,8 @@ void read_comment(msg_file &m, const std::string &line, int lineno, std::string 
         if (arg.empty() || *end || !is_name(name))
             fail(m.path, lineno, "expected \"$ id INDEX NAME\" (NAME in upper case)");
         if (index != static_cast<long>(m.entries.size()))
-            fail(m.path, lineno, "\"$ id " + arg + "\" names entry " + std::to_string(m.entries.size()));
+            fail(m.path, lineno,
+                 "\"$ id " + arg + "\" names entry " + std::to_string(m.entries.size()));
         if (!pending_name.empty())
             fail(m.path, lineno, "two names for one entry");
         for (auto &e : m.entries)
@@ -209,7 +209,8 @@ msg_file read_msg_file(const std::string &path)
         if (!m.entries.empty() && number <= m.entries.back().number)
             fail(path, first, "message numbers must rise");
         if (pending_name.empty())
-            fail(path, first, "entry " + std::to_string(m.entries.size()) + " has no \"$ id\" line");
+            fail(path, first,
+                 "entry " + std::to_string(m.entries.size()) + " has no \"$ id\" line");
         m.entries.push_back({number, unescape(text, path, first), pending_name});
         pending_name.clear();
     }
@@ -243,8 +244,8 @@ void write_names(const msg_file &m, std::ostream &out)
         << "#ifndef " << guard << "\n#define " << guard << "\n\n"
         << "#include \"ks/imsg.h\"\n\n"
         << "KS_BEGIN_DECLS\n"
-        << "KS_API extern const imsg_msg_table_t " << m.table << "; /* \"" << m.subsys
-        << "\", set " << m.set << " */\n"
+        << "KS_API extern const imsg_msg_table_t " << m.table << "; /* \"" << m.subsys << "\", set "
+        << m.set << " */\n"
         << "KS_END_DECLS\n\n"
         << "/* Indices of " << m.table << " (catalogue number in the comment). */\n"
         << "enum " << m.stem << "_msg_index {\n";

@@ -30,10 +30,10 @@ KS_BEGIN_DECLS
 #define CL_MAGIC 0xDEADBEEFu
 
 /* Error codes of the scanner (0: none). */
-#define CL_ENOMEM 301   /* allocation failed */
-#define CL_EBADOPT 302  /* option letter not in the option string */
-#define CL_EDUPOPT 303  /* option repeats or conflicts within its group */
-#define CL_EBADARG 304  /* argument requested inside an option cluster */
+#define CL_ENOMEM  301 /* allocation failed */
+#define CL_EBADOPT 302 /* option letter not in the option string */
+#define CL_EDUPOPT 303 /* option repeats or conflicts within its group */
+#define CL_EBADARG 304 /* argument requested inside an option cluster */
 
 typedef struct cl_handle cl_handle_t;
 

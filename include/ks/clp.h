@@ -37,28 +37,39 @@
 KS_BEGIN_DECLS
 
 /* Bits of clp_flag_desc_t.flags. */
-#define CLP_REPEATABLE 0x1  /* may appear more than once */
-#define CLP_ALIAS_FLAG 0x2  /* another spelling of the non-alias with the same value */
-#define CLP_OBSOLETE 0x4    /* reported according to OTTERMERE_OBSO_SYN */
+#define CLP_REPEATABLE 0x1 /* may appear more than once */
+#define CLP_ALIAS_FLAG 0x2 /* another spelling of the non-alias with the same value */
+#define CLP_OBSOLETE   0x4 /* reported according to OTTERMERE_OBSO_SYN */
 
 /* One flag descriptor of a caller's table. */
 typedef struct clp_flag_desc {
-    const char *name;   /* as typed, with its "-"; "[" marks the optional tail */
-    uint32_t value;     /* returned when the flag is found */
-    uint16_t flags;     /* CLP_REPEATABLE, CLP_ALIAS_FLAG, CLP_OBSOLETE */
+    const char *name; /* as typed, with its "-"; "[" marks the optional tail */
+    uint32_t value;   /* returned when the flag is found */
+    uint16_t flags;   /* CLP_REPEATABLE, CLP_ALIAS_FLAG, CLP_OBSOLETE */
 } clp_flag_desc_t;
 
-#define CLP_START_MUTEX_NAME "Start Mutual Exclusion"
-#define CLP_END_MUTEX_NAME "End Mutual Exclusion"
+#define CLP_START_MUTEX_NAME  "Start Mutual Exclusion"
+#define CLP_END_MUTEX_NAME    "End Mutual Exclusion"
 #define CLP_START_MUTEX_VALUE 0xFFFFFFFEu
-#define CLP_END_MUTEX_VALUE 0xFFFFFFFDu
+#define CLP_END_MUTEX_VALUE   0xFFFFFFFDu
 
 /* The group markers, as objects and as initialisers for static tables. */
 KS_API extern const clp_flag_desc_t start_mutex_list;
 KS_API extern const clp_flag_desc_t end_mutex_list;
-#define CLP_START_MUTUAL_EXCLUSION { CLP_START_MUTEX_NAME, CLP_START_MUTEX_VALUE, 0 }
-#define CLP_END_MUTUAL_EXCLUSION { CLP_END_MUTEX_NAME, CLP_END_MUTEX_VALUE, 0 }
-#define CLP_END_OF_FLAGS { 0, 0, 0 }
+/* clang-format off: the initialisers read best on one line each */
+#define CLP_START_MUTUAL_EXCLUSION                                                                 \
+    {                                                                                              \
+        CLP_START_MUTEX_NAME, CLP_START_MUTEX_VALUE, 0                                             \
+    }
+#define CLP_END_MUTUAL_EXCLUSION                                                                   \
+    {                                                                                              \
+        CLP_END_MUTEX_NAME, CLP_END_MUTEX_VALUE, 0                                                 \
+    }
+#define CLP_END_OF_FLAGS                                                                           \
+    {                                                                                              \
+        0, 0, 0                                                                                    \
+    }
+/* clang-format on */
 
 /* Longest command stack string (names, each followed by ':'). */
 #define CLP_MAX_STACK_STRING 250
@@ -71,8 +82,8 @@ typedef struct clp_hdl clp_hdl_t;
  * are cut in place).  With area null the handle owns a new area; otherwise it
  * lives in area.  Null when the table has two flags of one value (message
  * printed) or out of memory.  Release with clp_destroy_hdl. */
-KS_API clp_hdl_t *clp_create_hdl_using_argv(int argc, char **argv, const clp_flag_desc_t *descriptors,
-                                            stg_area_t area);
+KS_API clp_hdl_t *clp_create_hdl_using_argv(int argc, char **argv,
+                                            const clp_flag_desc_t *descriptors, stg_area_t area);
 /* As clp_create_hdl_using_argv over the words of text (clp_parse_string, the
  * words in the handle's area); the first word is the command name.  Null on an
  * unterminated quote, an over-long word or out of memory. */

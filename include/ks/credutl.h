@@ -25,21 +25,21 @@ typedef uint32_t credutl_uid_t;
 typedef uint32_t credutl_gid_t;
 
 /* Numeric ids meaning nobody (-2) and don't-care (-1). */
-#define CREDUTL_ID_NOBODY ((uint32_t)0xFFFFFFFEu)
+#define CREDUTL_ID_NOBODY   ((uint32_t)0xFFFFFFFEu)
 #define CREDUTL_ID_DONTCARE ((uint32_t)0xFFFFFFFFu)
 
 /* SID types (byte 1). */
-#define CREDUTL_SID_TYPE_NOBODY 0
+#define CREDUTL_SID_TYPE_NOBODY   0
 #define CREDUTL_SID_TYPE_DONTCARE 1
-#define CREDUTL_SID_TYPE_UNIX 2
-#define CREDUTL_SID_TYPE_FOREIGN 3 /* value bytes are opaque */
+#define CREDUTL_SID_TYPE_UNIX     2
+#define CREDUTL_SID_TYPE_FOREIGN  3 /* value bytes are opaque */
 
 /* Kind of a UNIX SID (byte 6). */
 #define CREDUTL_SID_UNIX_UID 1
 #define CREDUTL_SID_UNIX_GID 2
 
-#define CREDUTL_SID_SIZE 34
-#define CREDUTL_SID_VALUE_MAX 32
+#define CREDUTL_SID_SIZE        34
+#define CREDUTL_SID_VALUE_MAX   32
 #define CREDUTL_SID_UNIX_LENGTH 7
 /* Room for any SID text (the raw form with 32 value bytes is 73 characters). */
 #define CREDUTL_SID_STR_SIZE 80
@@ -210,9 +210,11 @@ KS_API void credutl_init_sid_credentials(const credutl_sid_t *usid, const credut
 /* 1 when gid is the primary gid or one of the first ngroups groups. */
 KS_API int credutl_has_group(credutl_gid_t gid, const credutl_credentials_t *cred);
 /* 1 when sid equals the group SID or one of the first ngroups group SIDs. */
-KS_API int credutl_has_group_sid(const credutl_sid_t *sid, const credutl_sid_credentials_t *sidcred);
+KS_API int credutl_has_group_sid(const credutl_sid_t *sid,
+                                 const credutl_sid_credentials_t *sidcred);
 /* As credutl_has_group_sid for whole credentials. */
-KS_API int credutl_has_group_whole(const credutl_sid_t *sid, const credutl_whole_credentials_t *whole);
+KS_API int credutl_has_group_whole(const credutl_sid_t *sid,
+                                   const credutl_whole_credentials_t *whole);
 /* 1 when sid is the user SID, or a foreign (type 3) SID equal to the group
  * SID or a group SID; 0 for NOBODY and DONTCARE. */
 KS_API int credutl_has_user_sid(const credutl_sid_t *sid, const credutl_sid_credentials_t *sidcred);
@@ -275,8 +277,8 @@ KS_API credutl_group_sid_t *credutl_getgrgid(credutl_gid_t gid);
 KS_API credutl_group_sid_t *credutl_getgrsid(const credutl_sid_t *sid);
 /* Splits fqname at its first "/" or "\" into domain and name, each truncated
  * to its buffer; without a separator (or for null) the domain is "<unknown>". */
-KS_API void credutl_crack_fq_name(const char *fqname, char *domain, size_t domainsize,
-                                  char *name, size_t namesize);
+KS_API void credutl_crack_fq_name(const char *fqname, char *domain, size_t domainsize, char *name,
+                                  size_t namesize);
 /* This host's domain name, or "<unknown>" (module-wide buffer). */
 KS_API const char *credutl_get_domain(void);
 /* 1 when a and b name the same user: equal ignoring case, or equal name

@@ -26,8 +26,8 @@
 
 KS_BEGIN_DECLS
 
-#define HASH_KEY_INT 0
-#define HASH_KEY_STR 1
+#define HASH_KEY_INT  0
+#define HASH_KEY_STR  1
 #define HASH_KEY_FLEN 2
 
 /* Largest bucket count a table is ever given. */
@@ -87,9 +87,10 @@ KS_API int hash_int_enter(hash_table_t *table, int32_t key, const int32_t **key_
 KS_API int hash_int_lookup(hash_table_t *table, int32_t key, const int32_t **key_out, void **data);
 /* Releases the key's cell (1; its pointers stay valid until the next enter). */
 KS_API int hash_int_free(hash_table_t *table, int32_t key, const int32_t **key_out, void **data);
-KS_API int hash_int_next(hash_table_t *table, hash_cursor_t **cursor, const int32_t **key_out, void **data);
-KS_API int hash_int_next_in_order(hash_table_t *table, hash_cursor_t **cursor, const int32_t **key_out,
-                                  void **data);
+KS_API int hash_int_next(hash_table_t *table, hash_cursor_t **cursor, const int32_t **key_out,
+                         void **data);
+KS_API int hash_int_next_in_order(hash_table_t *table, hash_cursor_t **cursor,
+                                  const int32_t **key_out, void **data);
 
 /* String keys: with copy_keys the table keeps its own copy of each key,
  * otherwise the caller's string must outlive the cell.  A null key prints
@@ -103,26 +104,31 @@ KS_API int hash_str_lookup(hash_table_t *table, const char *key, const char **ke
 KS_API int hash_str_free(hash_table_t *table, const char *key, const char **key_out, void **data);
 /* Enters every string datum of list; 1 only if all were already present. */
 KS_API int hash_str_enter_list(hash_table_t *table, const list_t *list);
-KS_API int hash_str_next(hash_table_t *table, hash_cursor_t **cursor, const char **key_out, void **data);
+KS_API int hash_str_next(hash_table_t *table, hash_cursor_t **cursor, const char **key_out,
+                         void **data);
 KS_API int hash_str_next_in_order(hash_table_t *table, hash_cursor_t **cursor, const char **key_out,
                                   void **data);
 
 /* Fixed-length keys of key_bytes bytes, hashed and compared bytewise unless
  * procedures are given.  A null key prints "Unexpected error in hash
  * package." and is taken as key_bytes zero bytes. */
-KS_API hash_table_t *hash_flen_create(uint32_t hint, uint32_t data_bytes, int copy_keys, uint32_t key_bytes);
+KS_API hash_table_t *hash_flen_create(uint32_t hint, uint32_t data_bytes, int copy_keys,
+                                      uint32_t key_bytes);
 KS_API hash_table_t *hash_flen_create_with_fns(uint32_t hint, uint32_t data_bytes, int copy_keys,
-                                               uint32_t key_bytes, hash_fn_t hash, hash_compare_fn_t compare);
+                                               uint32_t key_bytes, hash_fn_t hash,
+                                               hash_compare_fn_t compare);
 /* action 0 lookup, 1 enter, 2 free; any other action prints "Unexpected
  * error in hash package." and returns 0 with nothing found. */
-KS_API int hash_flen_lookup_action(hash_table_t *table, const void *key, const void **key_out, void **data,
-                                   int action);
+KS_API int hash_flen_lookup_action(hash_table_t *table, const void *key, const void **key_out,
+                                   void **data, int action);
 KS_API int hash_flen_enter(hash_table_t *table, const void *key, const void **key_out, void **data);
-KS_API int hash_flen_lookup(hash_table_t *table, const void *key, const void **key_out, void **data);
+KS_API int hash_flen_lookup(hash_table_t *table, const void *key, const void **key_out,
+                            void **data);
 KS_API int hash_flen_free(hash_table_t *table, const void *key, const void **key_out, void **data);
-KS_API int hash_flen_next(hash_table_t *table, hash_cursor_t **cursor, const void **key_out, void **data);
-KS_API int hash_flen_next_in_order(hash_table_t *table, hash_cursor_t **cursor, const void **key_out,
-                                   void **data);
+KS_API int hash_flen_next(hash_table_t *table, hash_cursor_t **cursor, const void **key_out,
+                          void **data);
+KS_API int hash_flen_next_in_order(hash_table_t *table, hash_cursor_t **cursor,
+                                   const void **key_out, void **data);
 
 KS_END_DECLS
 

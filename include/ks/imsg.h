@@ -36,6 +36,10 @@ enum {
 };
 #define IMSG_NTYPES 11
 
+/* The index that makes the table argument itself the format of a literal
+ * message. */
+#define IMSG_LITERAL (-1)
+
 /* One module's message table (built from its .msg file). */
 typedef struct imsg_msg_table {
     const char *catalog;      /* "ks_lib" */

@@ -29,8 +29,8 @@
 #include <stdint.h>
 
 #if defined(__GNUC__)
-#define KS_API __attribute__((visibility("default")))
-#define KS_NORETURN __attribute__((noreturn))
+#define KS_API          __attribute__((visibility("default")))
+#define KS_NORETURN     __attribute__((noreturn))
 #define KS_PRINTF(f, a) __attribute__((format(printf, f, a)))
 #else
 #define KS_API
@@ -40,7 +40,7 @@
 
 #ifdef __cplusplus
 #define KS_BEGIN_DECLS extern "C" {
-#define KS_END_DECLS }
+#define KS_END_DECLS   }
 #else
 #define KS_BEGIN_DECLS
 #define KS_END_DECLS
@@ -52,10 +52,16 @@ typedef struct ks_fd_set {
     uint32_t fds_bits[KS_FD_SETSIZE / 32];
 } ks_fd_set;
 
-#define KS_FD_ZERO(s) \
-    do { unsigned ks_i_; for (ks_i_ = 0; ks_i_ < KS_FD_SETSIZE / 32; ks_i_++) (s)->fds_bits[ks_i_] = 0; } while (0)
-#define KS_FD_SET(fd, s) ((s)->fds_bits[(unsigned)(fd) / 32] |= (uint32_t)1 << ((unsigned)(fd) % 32))
-#define KS_FD_CLR(fd, s) ((s)->fds_bits[(unsigned)(fd) / 32] &= ~((uint32_t)1 << ((unsigned)(fd) % 32)))
+#define KS_FD_ZERO(s)                                                                              \
+    do {                                                                                           \
+        unsigned ks_i_;                                                                            \
+        for (ks_i_ = 0; ks_i_ < KS_FD_SETSIZE / 32; ks_i_++)                                       \
+            (s)->fds_bits[ks_i_] = 0;                                                              \
+    } while (0)
+#define KS_FD_SET(fd, s)                                                                           \
+    ((s)->fds_bits[(unsigned)(fd) / 32] |= (uint32_t)1 << ((unsigned)(fd) % 32))
+#define KS_FD_CLR(fd, s)                                                                           \
+    ((s)->fds_bits[(unsigned)(fd) / 32] &= ~((uint32_t)1 << ((unsigned)(fd) % 32)))
 #define KS_FD_ISSET(fd, s) (((s)->fds_bits[(unsigned)(fd) / 32] >> ((unsigned)(fd) % 32)) & 1u)
 
 #endif

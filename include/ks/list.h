@@ -31,8 +31,8 @@ typedef struct list_elem {
 typedef struct list {
     list_elem_t *first;
     list_elem_t *last;
-    stg_area_t area;            /* where the header and the elements come from */
-    uint32_t attr_size;         /* attribute bytes carried by every element */
+    stg_area_t area;    /* where the header and the elements come from */
+    uint32_t attr_size; /* attribute bytes carried by every element */
 } list_t;
 
 /* New empty list in area (header from the area).  Panics when out of memory. */
@@ -83,12 +83,13 @@ typedef struct llist_d_node {
  * returning <= 0 where the new node goes before the existing one, or one of
  * the two markers below. */
 typedef int (*llist_d_order_fn)(void *new_data, void *node_data);
-#define LLIST_D_TAIL ((llist_d_order_fn)0)
+#define LLIST_D_TAIL  ((llist_d_order_fn)0)
 #define LLIST_D_FRONT ((llist_d_order_fn)1)
 
 /* Links node (storing data in it) at the tail, at the front, or before the
  * first node for which order returns <= 0 (ascending order, new before equal). */
-KS_API void llist_d_insert(llist_d_node_t *head, void *data, llist_d_node_t *node, llist_d_order_fn order);
+KS_API void llist_d_insert(llist_d_node_t *head, void *data, llist_d_node_t *node,
+                           llist_d_order_fn order);
 /* Links node (storing data) immediately before pos; pos == head means at the tail. */
 KS_API void llist_d_insert_before(llist_d_node_t *head, void *data, llist_d_node_t *node,
                                   llist_d_node_t *pos);
@@ -101,16 +102,16 @@ KS_API void llist_d_remove_list(llist_d_node_t *head);
 
 /* A stack entry: the data of one list element of the stack's list. */
 typedef struct stack_entry {
-    list_elem_t *prev_top;      /* element of the entry below */
+    list_elem_t *prev_top; /* element of the entry below */
     uint32_t size;
     void *item;
 } stack_entry_t;
 
 typedef struct stack_rec {
     stg_area_t area;
-    list_t *list;               /* attr_size 0; one element per push */
-    list_elem_t *top;           /* element holding the top entry, null when empty */
-    uint32_t item_size;         /* size recorded by stack_push */
+    list_t *list;       /* attr_size 0; one element per push */
+    list_elem_t *top;   /* element holding the top entry, null when empty */
+    uint32_t item_size; /* size recorded by stack_push */
 } stack_rec_t;
 
 /* New empty stack in area; null when the header cannot be allocated. */

@@ -72,7 +72,7 @@ void load_errlist()
         return;
     errlist_ready = true;
     // The texts of 301 to 304, in the order of cl_errlist (0 keeps "").
-    constexpr std::array<int, 5> kErrlistMsg = {-1, KS_MSG_CL_NO_MEMORY, KS_MSG_CL_BAD_OPTION,
+    constexpr std::array<int, 5> kErrlistMsg = {-1, KS_MSG_OUT_OF_MEMORY, KS_MSG_CL_BAD_OPTION,
                                                 KS_MSG_CL_DUPLICATE, KS_MSG_CL_BAD_ARGUMENT};
     for (size_t i = 1; i < kErrlistMsg.size(); i++) {
         copy_text(err_texts[i], cat_extractmsg(&_ks_ks_msg_table, kErrlistMsg[i]));

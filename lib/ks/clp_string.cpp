@@ -14,7 +14,6 @@
 namespace {
 
 // imsg_print's index for a table that is the format itself.
-constexpr int kLiteralFormat = -1;
 
 // The splitter builds each word here before copying it into the area.
 char token_buf[CLP_MAX_TOKEN + 1];
@@ -23,7 +22,7 @@ char token_buf[CLP_MAX_TOKEN + 1];
 bool put(size_t *len, const char *src, int n)
 {
     if (*len + static_cast<size_t>(n) > CLP_MAX_TOKEN) {
-        imsg_print(IMSG_ERROR, "Bad command line: a word is longer than %d bytes\n", kLiteralFormat,
+        imsg_print(IMSG_ERROR, "Bad command line: a word is longer than %d bytes\n", IMSG_LITERAL,
                    CLP_MAX_TOKEN);
         return false;
     }

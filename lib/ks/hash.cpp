@@ -48,7 +48,7 @@ hash_cell **new_buckets(uint32_t n)
 
 void out_of_memory()
 {
-    imsg_print_shared(IMSG_ERROR, "ks", &_ks_ks_msg_table, KS_MSG_CL_NO_MEMORY);
+    imsg_print_shared(IMSG_ERROR, "ks", &_ks_ks_msg_table, KS_MSG_OUT_OF_MEMORY);
 }
 
 const char *key_type_name(int type)

@@ -373,7 +373,7 @@ int imsg_prompt_proceed(int type, const char *text, int default_choice, int choi
 {
     imsg_initialize();
     if (text != nullptr)
-        imsg_print(type, "%s", -1, text);
+        imsg_print(type, "%s", IMSG_LITERAL, text);
     if (isatty(0) == 0)
         return 0;
     fflush(out_stream);

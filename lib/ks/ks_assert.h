@@ -13,12 +13,13 @@
 #error "KS_SOURCE_NAME is set by the build for every library source"
 #endif
 // The condition is turned into text before any macro in it is expanded.
-#define KS_ASSERT(...) \
-    KS_ASSERT_PICK(__VA_ARGS__, KS_ASSERT_WITH_TEXT, KS_ASSERT_AS_WRITTEN, )(#__VA_ARGS__, __VA_ARGS__)
-#define KS_ASSERT_PICK(a, b, chosen, ...) chosen
-#define KS_ASSERT_AS_WRITTEN(written, cond) KS_ASSERT_CHECK(cond, written)
+#define KS_ASSERT(...)                                                                             \
+    KS_ASSERT_PICK(__VA_ARGS__, KS_ASSERT_WITH_TEXT, KS_ASSERT_AS_WRITTEN, )                       \
+    (#__VA_ARGS__, __VA_ARGS__)
+#define KS_ASSERT_PICK(a, b, chosen, ...)        chosen
+#define KS_ASSERT_AS_WRITTEN(written, cond)      KS_ASSERT_CHECK(cond, written)
 #define KS_ASSERT_WITH_TEXT(written, cond, text) KS_ASSERT_CHECK(cond, text)
-#define KS_ASSERT_CHECK(cond, text) \
+#define KS_ASSERT_CHECK(cond, text)                                                                \
     ((cond) ? static_cast<void>(0) : pfm_assert_fail((text), KS_SOURCE_NAME, __LINE__))
 
 #endif

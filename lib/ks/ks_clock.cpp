@@ -1,5 +1,6 @@
 // The library's clock: a fixed time when a test asked for one, else the system's.
 #include "ks_internal.h"
+#include "ks_testing.h"
 
 #include <sys/time.h>
 
@@ -26,14 +27,14 @@ time_t clock_time()
     return tv.tv_sec;
 }
 
-void clock_fix(time_t sec, long usec)
+void clock_fix_for_testing(time_t sec, long usec)
 {
     fixed = true;
     fixed_tv.tv_sec = sec;
     fixed_tv.tv_usec = usec;
 }
 
-void clock_release()
+void clock_release_for_testing()
 {
     fixed = false;
 }

@@ -1,4 +1,5 @@
-// Internal: included by pfm*.cpp, the event loop and child processes (rt*), tests; never installed.
+// Internal: included by pfm*.cpp, the storage heap (stg_heap.cpp), the event
+// loop and child processes (rt*), and tests; never installed.
 // The fault manager's handler table and deferred set, for the code that
 // dispatches signals on the library's behalf.  The state itself stays
 // private to pfm.cpp; these functions are the only way to it.
@@ -28,6 +29,12 @@ bool pfm_clear_pending(int sig);
 
 // How many deferred signals wait (pfm_blocked_count).
 int pfm_pending_signal_count();
+
+// Inhibits signal delivery (as pfm_inhibit) when fault management is running
+// and answers true; the caller then ends with pfm_enable.  Answers false,
+// doing nothing, before pfm_init: no unwind can come then, and a plain
+// allocation must not install the library's signal catchers.
+bool pfm_hold();
 
 } // namespace ks
 

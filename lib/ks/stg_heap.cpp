@@ -9,7 +9,7 @@
 #include "ks/imsg.h"
 #include "ks/pfm.h"
 #include "ks/stg.h"
-#include "ks_internal.h"
+#include "pfm_internal.h"
 #include "stg_internal.h"
 #include "stg_msg.h"
 #include "stg_testing.h"

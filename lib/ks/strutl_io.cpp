@@ -16,7 +16,6 @@
 namespace {
 
 constexpr size_t kReadChunk = 4096; // first block when the size is not known
-constexpr int kFormatTable = -1;    // imsg_print's index for a table that is a format
 
 void print_list(int first_type, const char *const *list)
 {
@@ -24,7 +23,7 @@ void print_list(int first_type, const char *const *list)
         return;
     int type = first_type;
     for (const char *const *p = list; *p; p++) {
-        imsg_print(type, "%s\n", kFormatTable, *p);
+        imsg_print(type, "%s\n", IMSG_LITERAL, *p);
         type = first_type + 1; // the _CONT form of the type
     }
 }

@@ -1,10 +1,25 @@
 /*
  * Files and pathnames.
+ *
+ *  1. The separator is "/" alone.  Every routine that walks a name steps by
+ *     whole characters when the locale has characters of more than one byte,
+ *     so a byte inside a character is never taken for a separator; a byte
+ *     that starts no valid character counts as a character of its own.
+ *  2. Results go into caller buffers with an explicit size (the NUL
+ *     included).  A result that does not fit fails with errno ENAMETOOLONG
+ *     and nothing is written past the buffer.  Working buffers are
+ *     KS_PATH_BUF bytes: names are limited to 1023 characters.
+ *  3. The name routines (leaf, suffix, dots, relative forms) never touch the
+ *     file system; the temporary and unique names, the search routines and
+ *     the host-qualified names below do.
+ *  4. Not thread-safe: the temporary directory, the name counter and the
+ *     mount-table cache are process-wide.
  */
 #ifndef KS_FILEUTL_H
 #define KS_FILEUTL_H
 
 #include <dirent.h>
+#include <stdio.h>
 #include <sys/stat.h>
 
 #include "ks/ks_common.h"
@@ -27,6 +42,173 @@ KS_API DIR *fileutl_opendir(const char *path);
 KS_API struct dirent *fileutl_readdir(DIR *dir);
 /* closedir(3): 0, or -1 with errno set. */
 KS_API int fileutl_closedir(DIR *dir);
+
+/* ---- Taking names apart and putting them together ----------------------- */
+
+/* Copy of path without "." components and with "name/.." pairs removed (a
+ * leading relative ".." is never consumed; "/.." is "/"); doubled separators
+ * stay; an empty result is "/".  out may be path.  out, or null when the
+ * result would reach size bytes. */
+KS_API char *fileutl_remove_embedded_dots(const char *path, char *out, size_t size);
+/* path made absolute against cwd: an absolute path is copied unchanged;
+ * otherwise "" and "." components are skipped and ".." never climbs above
+ * the root of cwd.  A null or relative cwd gives a relative join.  out may
+ * be cwd but not path.  out, or null with ENAMETOOLONG. */
+KS_API char *fileutl_make_abs_pn(char *out, size_t size, const char *path, const char *cwd);
+/* path relative to base ("." for base itself when dot_ok), climbing at most
+ * max_up levels with ".."; with fold_seps "\" also separates and every
+ * separator is written "/".  When no relative form applies, path itself
+ * (cut with ENAMETOOLONG if out is too small).  Always returns out. */
+KS_API char *fileutl_make_rel_pn(char *out, size_t size, const char *path, const char *base,
+                                 int dot_ok, int fold_seps, int max_up);
+/* Index of the first of count names of list equal to path or a parent of it
+ * (fileutl_pname_equal_or_parent); -1 when none. */
+KS_API int fileutl_pname_scoped_by_list(const char *const *list, int count, const char *path);
+/* 1 if a and b are equal byte for byte, else 0. */
+KS_API int fileutl_pname_equal(const char *a, const char *b);
+/* 1 if parent is path or a directory above it: parent is a prefix of path
+ * followed there by "/" or the end ("/" itself is no parent of "/a"). */
+KS_API int fileutl_pname_equal_or_parent(const char *parent, const char *path);
+/* Splits path at its last separator (runs count as one, trailing ones are
+ * ignored) into dir ("/" at the root, "" without one) and leaf; a name of
+ * separators only gives "/" and "".  Either output may be null.  0, or 1 with
+ * ENAMETOOLONG (outputs then ""). */
+KS_API int fileutl_strip_leaf(const char *path, size_t dir_size, char *dir, size_t leaf_size,
+                              char *leaf);
+/* Splits the last component (after the last separator) at its last "." into
+ * base and suffix (the dot included; "" without one); base and suffix joined
+ * are path.  Either output may be null.  0, or 1 with ENAMETOOLONG. */
+KS_API int fileutl_strip_suffix(const char *path, size_t base_size, char *base, size_t sfx_size,
+                                char *sfx);
+/* Splits "host:rest" when the first ":" is not the first character and comes
+ * before any "/"; otherwise host is "" and rest is path.  Either output may
+ * be null.  0, or 1 with ENAMETOOLONG. */
+KS_API int fileutl_strip_hostname(const char *path, size_t host_size, char *host, size_t rest_size,
+                                  char *rest);
+/* The first separator of path, or null. */
+KS_API char *fileutl_find_pname_sep_left(const char *path);
+/* Removes trailing separators of path in place, never a leading run ("/"
+ * and "//" stay); returns path. */
+KS_API char *fileutl_strip_pname_sep(char *path);
+/* The last character of path when it is a separator, else null. */
+KS_API char *fileutl_match_trailing_sep(const char *path);
+/* 1 if the first len bytes of path (len SIZE_MAX: all of it) end in a
+ * separator and a single dot after at least one character ("a/.", not "/."
+ * nor "a/.."), else 0. */
+KS_API int fileutl_ends_with_slash_dot(const char *path, size_t len);
+/* Absolute path: root "/" and rel the rest after the first character; 0.
+ * A relative path gives 1 with EINVAL, both "".  Asserts room for both
+ * ("root_path_size >= 1 + 1", "rel_path_size >= (path_len - 1) + 1"). */
+KS_API int fileutl_root_split(const char *path, char *root, size_t root_path_size, char *rel,
+                              size_t rel_path_size);
+/* 0 if size is at most 2147483647; else 1, after the error "File ... is
+ * larger than 2GB" when name is given. */
+KS_API int fileutl_chk_large_file_overflow(int64_t size, const char *name);
+
+/* ---- Temporary and unique names ----------------------------------------- */
+
+/* Flags of fileutl_tmpfile_ext_opt. */
+#define FILEUTL_TMP_BINARY  0x1 /* open "w+b" (the same as "w+" on this platform) */
+#define FILEUTL_TMP_CLOEXEC 0x2 /* close the descriptor on exec */
+
+/* The temporary directory (no trailing separator) into out: preferred when
+ * given, writable and len + 15 < size, else the process's choice made on the
+ * first call (TMPDIR, "/var/tmp", "/tmp", "."); *len (optional) gets its
+ * length.  0, or 2 with ENAMETOOLONG. */
+KS_API int fileutl_get_tmpdir(const char *preferred, char *out, size_t size, size_t *len);
+/* Creates the directory DIR/PREFIXnnnnn (prefix null: "tmp", cut to fit;
+ * mode -1: 0777) with a process-wide counter, skipping names in use; its name
+ * goes to out.  0, or 1 with errno (EEXIST when every number is taken). */
+KS_API int fileutl_tmpdir(const char *preferred, const char *prefix, char *out, size_t size,
+                          int mode);
+/* Creates and opens "w+" a new file DIR/PREFIXnnnnn.EXT (ext null or "": no
+ * extension; a leading "." of ext is not doubled) as fileutl_tmpdir names
+ * directories; flags FILEUTL_TMP_*.  The stream (fclose it), or null. */
+KS_API FILE *fileutl_tmpfile_ext_opt(const char *preferred, const char *prefix, const char *ext,
+                                     char *out, size_t size, int flags);
+/* fileutl_tmpfile_ext_opt with flags 0. */
+KS_API FILE *fileutl_tmpfile_ext(const char *preferred, const char *prefix, const char *ext,
+                                 char *out, size_t size);
+/* fileutl_tmpfile_ext_opt with FILEUTL_TMP_BINARY. */
+KS_API FILE *fileutl_tmpfile_ext_binary(const char *preferred, const char *prefix, const char *ext,
+                                        char *out, size_t size);
+/* base + suffix (null: ""), then with control 0 "." and the date and time of
+ * now; with control 1, ".1" ... ".999" while the name exists.  out, or null
+ * (ENAMETOOLONG, EEXIST after 999 tries, EINVAL after the internal-error
+ * message for another control). */
+KS_API char *fileutl_make_unique_pn(const char *base, const char *suffix, int control, size_t size,
+                                    char *out);
+/* Renames old to old + suffix (null: ""), adding ".1", ".2", ... while that
+ * name exists (lstat: a dangling link counts); the new name goes to out and
+ * errno is 0.  Null with errno (ENAMETOOLONG, or rename's) and old kept. */
+KS_API char *fileutl_rename_unique(const char *old, const char *suffix, size_t size, char *out);
+
+/* ---- Directories, locks and links --------------------------------------- */
+
+/* Creates every missing directory of path, path included (mode -1: 0777,
+ * less the umask).  0, or -1 with errno (ENOTDIR when a component or path
+ * exists and is no directory). */
+KS_API int fileutl_mkpath(const char *path, int mode);
+/* Locks all of the open file fd with fcntl: exclusive (write) or shared
+ * (read); with wait, waits (retrying on EINTR), else fails at once when
+ * another process holds it.  0, or -1 with errno (EAGAIN or EACCES: held). */
+KS_API int fileutl_lockfd(int fd, int exclusive, int wait);
+/* Releases the lock fileutl_lockfd took.  0, or -1 with errno. */
+KS_API int fileutl_unlockfd(int fd);
+/* Follows path while it is a symbolic link (relative targets from the link's
+ * directory, at most 32 links) and puts the name reached in out; a name that
+ * is no link is copied; a dangling link gives its target.  0, or -1 with
+ * errno (ENOENT for a missing path, ELOOP, ENAMETOOLONG). */
+KS_API int fileutl_resolve_symlink(const char *path, char *out, size_t size);
+
+/* ---- Finding files ---------------------------------------------------------
+ * The search routines look for name in each of ndirs directories in order
+ * and take the first DIR/name that access(amode) accepts (amode F_OK, R_OK,
+ * X_OK ...).  A name holding a separator, or ndirs 0, is tested as it
+ * stands (directory index -1).  They return 0 with the name in out, or 1
+ * with errno ENOENT (or ENAMETOOLONG) and out "". */
+
+KS_API int fileutl_resolve_pathname(const char *name, const char *const *dirs, int ndirs, int amode,
+                                    char *out, size_t size);
+/* As fileutl_resolve_pathname; *dir_index gets the directory's index. */
+KS_API int fileutl_resolve_pathname_index(const char *name, const char *const *dirs, int ndirs,
+                                          int amode, char *out, size_t size, int *dir_index);
+/* In each directory, name as given, then name followed by each of the nexts
+ * extensions (appended as written, so ".c" or "_old"). */
+KS_API int fileutl_resolve_pathname_by_ext(const char *name, const char *const *dirs, int ndirs,
+                                           const char *const *exts, int nexts, int amode, char *out,
+                                           size_t size);
+/* As fileutl_resolve_pathname_by_ext; *ext_index gets the extension's index
+ * (-1: the name as given). */
+KS_API int fileutl_resolve_pathname_index_with_ext(const char *name, const char *const *dirs,
+                                                   int ndirs, const char *const *exts, int nexts,
+                                                   int amode, char *out, size_t size,
+                                                   int *dir_index, int *ext_index);
+/* All entries of the first directory holding a leaf that matches pattern
+ * (fileutl_patt_list_match's wildcards; a leading "." only matches an
+ * explicit one), as DIR/leaf sorted by strcmp, in *matches (release with
+ * fileutl_resolve_pattern_free).  The directory's index, or -1 with *matches
+ * null and *count 0 (errno ENOENT, or ENOMEM after the storage message). */
+KS_API int fileutl_resolve_pattern_index(const char *pattern, const char *const *dirs, int ndirs,
+                                         char ***matches, int *count);
+/* Releases what fileutl_resolve_pattern_index returned; null is ignored. */
+KS_API void fileutl_resolve_pattern_free(char **matches, int count);
+
+/* ---- Pattern lists ---------------------------------------------------------
+ * A pattern matches a name exactly when it matches the whole name, and
+ * scopes it when it matches a leading part that ends at a separator (the
+ * name lies under what the pattern names).  Wildcards: "*" any run and "?"
+ * any one character, neither crossing a separator; "\" takes the next
+ * character literally; all else matches itself.  The first exact match
+ * wins, else the first scoping one; *exact (optional) is 1 for an exact
+ * match, else 0. */
+
+/* 1 if a pattern of the list matches or scopes name, else 0. */
+KS_API int fileutl_patt_list_match(const char *const *patterns, int count, const char *name,
+                                   int *exact);
+/* Index of the pattern that matched (as above), or -1. */
+KS_API int fileutl_patt_list_matched_cell(const char *const *patterns, int count, const char *name,
+                                          int *exact);
 
 KS_END_DECLS
 

@@ -255,6 +255,7 @@ TEST(UniqueNames, NumberedOrStampedAndRenamed)
     for (int i = 2; i <= 999; i++)
         ks_test::write_file(f + "." + std::to_string(i), "");
     EXPECT_EQ(show(fileutl_make_unique_pn(f.c_str(), nullptr, 1, sizeof out, out)), "null:" + std::to_string(EEXIST));
+    setenv("TZ", "UTC", 1);
     ks::clock_fix_for_testing(1078149909, 0);
     EXPECT_EQ(show(fileutl_make_unique_pn(f.c_str(), ".s", 0, sizeof out, out)), f + ".s.2004-03-01T14:05:09Z");
     EXPECT_EQ(show(fileutl_make_unique_pn(f.c_str(), ".s", 0, f.size() + 22, out)), kTooLong);

@@ -210,6 +210,105 @@ KS_API int fileutl_patt_list_match(const char *const *patterns, int count, const
 KS_API int fileutl_patt_list_matched_cell(const char *const *patterns, int count, const char *name,
                                           int *exact);
 
+/* ---- The mount table -------------------------------------------------------
+ * Read from "/etc/mnttab" when it exists, else from the process's own table
+ * (/proc/self/mountinfo, or /proc/self/mounts), into a cache that is read
+ * again when the table changes (a mount or unmount, a newer file, another
+ * process or mount namespace) or after fileutl_flushmntent.  In the
+ * process's table a directory mounted again elsewhere (a bind mount) shows
+ * as the loopback entry the system would list: its resource is the directory
+ * it shows (or host:path on a remote file system) with the option "bind".
+ * A table that cannot be read gives the error "Unable to open mount table:
+ * ...". */
+
+/* One mount, as the cache holds it: valid until the walk ends. */
+typedef struct fileutl_mntent {
+    const char *mnt_special; /* resource: host:path, or a local device or directory */
+    const char *mnt_mountp;  /* mount point */
+    const char *mnt_fstype;  /* file-system type */
+    const char *mnt_mntopts; /* options, separated by "," ("" when none) */
+} fileutl_mntent_t;
+
+/* A walk over the cached table. */
+typedef struct fileutl_mnt_walk fileutl_mnt_walk_t;
+
+/* Starts a walk from the first entry (reading the table if needed); end it
+ * with fileutl_endmntent.  Null after the message above, or when storage
+ * runs out. */
+KS_API fileutl_mnt_walk_t *fileutl_setmntent(void);
+/* The next entry of the walk, or null at the end (also when the cache was
+ * read again since the walk started). */
+KS_API const fileutl_mntent_t *fileutl_getmntent(fileutl_mnt_walk_t *walk);
+/* Ends a walk; null is ignored. */
+KS_API void fileutl_endmntent(fileutl_mnt_walk_t *walk);
+/* The option opt of ent ("opt" or "opt=value") within its option string, or null. */
+KS_API const char *fileutl_hasmntopt(const fileutl_mntent_t *ent, const char *opt);
+/* Drops the cache: the next walk reads the table again. */
+KS_API void fileutl_flushmntent(void);
+
+/* ---- Host-qualified names ----------------------------------------------------
+ * A local name maps to host:path on the host that really stores it, through
+ * the mount table (NFS "srv:/export", and loopback mounts: type "lofs" or
+ * "namefs", or the option "bind"), and back.  Host names compare leniently:
+ * up to a ":", ignoring case (64 characters), by IPv4 address, and a short
+ * name against its qualified form ("alpha" and "alpha.dept", not
+ * "alphabet").  "alternate_hostnames" (one name a line) and
+ * "automount_prefix" (first line; "/tmp_mnt" when missing) in the host
+ * configuration directory are read once per process.  These routines return
+ * 0, or -1 with errno (ENAMETOOLONG when out is too small, EINVAL for a size
+ * 0 or a name without a host); the messages "Unable to open mount table:
+ * ..." and "Operation gethostname: ..." are printed where they fail. */
+
+/* host:path for the local name path (made absolute and resolved). */
+KS_API int fileutl_where(const char *path, char *out, size_t size);
+/* Only the host that stores path. */
+KS_API int fileutl_path_host(const char *path, char *out, size_t size);
+/* The local name of hostpath: through the mount table (automounter mount
+ * points skipped), else through the automounter directories "/net",
+ * "/hosts", "/nfs" and the login user's home directory. */
+KS_API int fileutl_unwhere(const char *hostpath, char *out, size_t size);
+/* 1 if host names a and b denote the same host (the rule above), else 0;
+ * an empty name matches only an empty one. */
+KS_API int fileutl_hostnames_equal(const char *a, const char *b);
+/* As fileutl_hostnames_equal, and also 1 when both name this host. */
+KS_API int fileutl_hosts_equal(const char *a, const char *b);
+/* 1 if host is this host: its own name, an alternate name, or a name of a
+ * loopback address (127.0.0.0/8); else 0. */
+KS_API int fileutl_is_localhost(const char *host);
+/* The current directory into out; out, or null with errno (ENAMETOOLONG). */
+KS_API char *fileutl_getcwd(char *out, size_t size);
+/* fileutl_getcwd without the automounter prefix in front ("/" for the
+ * prefix itself). */
+KS_API char *fileutl_getcwd_noauto(char *out, size_t size);
+/* Absolute form of the local name path with symbolic links, "." and ".."
+ * resolved; a part that does not exist is kept as written, without dots. */
+KS_API int fileutl_abspn(const char *path, char *out, size_t size);
+/* The mount point of the file system that holds path. */
+KS_API int fileutl_mount_pname(const char *path, char *out, size_t size);
+/* 0 when local names a and b are stored on the same host, 1 when not, -1
+ * when either cannot be located. */
+KS_API int fileutl_path_host_cmp(const char *a, const char *b);
+/* 1 if the file system holding path is mounted with the option "soft", 0
+ * if not, -1 when it cannot be located. */
+KS_API int fileutl_is_softmnt(const char *path);
+
+/* OTTER_GPATH_HINTS (read once) lists pairs "host:path=local" separated by
+ * ";" or white space: host:path is reached on this host at local.  The hints
+ * come before the mount table in the following routines. */
+
+/* The local name of hostpath: the first hint whose host matches and whose
+ * path is hostpath's path or above it, else fileutl_unwhere. */
+KS_API int fileutl_get_local_path(const char *hostpath, char *out, size_t size);
+/* host:path of the local name path: the first hint whose local directory
+ * holds it (after fileutl_abspn), else fileutl_where. */
+KS_API int fileutl_get_location(const char *path, char *out, size_t size);
+/* An existing local name for name, given as host:path or as a local name
+ * (made absolute); -1 with ENOENT when it does not exist here. */
+KS_API int fileutl_path_locate(const char *name, char *out, size_t size);
+/* Index of the first of count names that fileutl_path_locate finds (its
+ * local name in out), or -1. */
+KS_API int fileutl_pick_path(const char *const *names, int count, char *out, size_t size);
+
 KS_END_DECLS
 
 #endif

@@ -84,6 +84,16 @@ inline size_t cut_at_char(const char *s, size_t max, bool mb)
     return i;
 }
 
+// Length of the host of a "host:path" name (a ":" that is not the first
+// character and comes before any separator), or 0 when it has none.
+inline size_t host_len(const char *s, bool mb)
+{
+    size_t i = 0;
+    while (s[i] != '\0' && s[i] != ':' && s[i] != kSep)
+        i += char_len(s + i, mb);
+    return s[i] == ':' ? i : 0;
+}
+
 } // namespace ks::fileutl
 
 #endif

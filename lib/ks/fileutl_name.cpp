@@ -336,11 +336,8 @@ int fileutl_strip_suffix(const char *path, size_t base_size, char *base, size_t 
 int fileutl_strip_hostname(const char *path, size_t host_size, char *host, size_t rest_size,
                            char *rest)
 {
-    const bool mb = multibyte_locale();
-    size_t i = 0;
-    while (path[i] != '\0' && path[i] != ':' && path[i] != kSep)
-        i += char_len(path + i, mb);
-    if (path[i] == ':' && i > 0)
+    size_t i = ks::fileutl::host_len(path, multibyte_locale());
+    if (i > 0)
         return put_two(host, host_size, path, i, rest, rest_size, path + i + 1,
                        strlen(path + i + 1));
     return put_two(host, host_size, "", 0, rest, rest_size, path, strlen(path));

@@ -22,6 +22,7 @@ static const struct kstool_cmd commands[] = {
     {"id", "id", "this process's credentials: numeric, SID and names", kstool_id},
     {"si[d]", "sid TEXT...", "parse SID texts: bytes and canonical text", kstool_sid},
     {"sp[lit]", "split [-o[ption]|-f[lag]] LINE...", "split command lines with either parser's rules", kstool_split},
+    {"p[ath]", "path OPERATION ARGUMENT...", "normalise, abs, rel, leaf, suffix, host, where, unwhere", kstool_path},
     {"h[elp]", "help", "this list", kstool_help},
 };
 #define NCOMMANDS (int)(sizeof commands / sizeof commands[0])

@@ -61,6 +61,12 @@ inline ptrdiff_t last_sep(const char *s, size_t len, bool mb)
 // or len when s does not end in one.  The run may start at 0.
 inline size_t trailing_run(const char *s, size_t len, bool mb)
 {
+    if (!mb) {
+        size_t start = len;
+        while (start > 0 && s[start - 1] == kSep)
+            start--;
+        return start;
+    }
     size_t start = len;
     for (size_t i = 0; i < len; i += char_len(s + i, mb)) {
         if (s[i] != kSep)

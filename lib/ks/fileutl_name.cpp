@@ -98,19 +98,25 @@ bool ends_in_sep(const char *out, size_t len, bool mb)
 bool working_copy(const char *src, char *dst, bool fold, bool mb)
 {
     size_t i = 0;
-    while (src[i] != '\0') {
-        size_t n = char_len(src + i, mb);
-        if (i + n >= KS_PATH_BUF)
+    if (!fold && !mb) {
+        i = strlen(src);
+        if (i >= KS_PATH_BUF)
             return false;
-        if (fold && n == 1 && src[i] == '\\')
-            dst[i] = kSep;
-        else
+        memcpy(dst, src, i + 1);
+    } else {
+        while (src[i] != '\0') {
+            size_t n = char_len(src + i, mb);
+            if (i + n >= KS_PATH_BUF)
+                return false;
             memcpy(dst + i, src + i, n);
-        i += n;
+            if (fold && n == 1 && src[i] == '\\')
+                dst[i] = kSep;
+            i += n;
+        }
+        dst[i] = '\0';
     }
-    dst[i] = '\0';
     size_t run = trailing_run(dst, i, mb);
-    if (run > 0)
+    if (run > 0) // a leading run stays
         dst[run] = '\0';
     return true;
 }
@@ -133,7 +139,7 @@ const char *rest_below(const char *base, size_t blen, const char *path, bool mb)
             continue;
         }
         size_t n = char_len(base + i, mb);
-        if (strncmp(base + i, p, n) != 0)
+        if (base[i] != *p || (n > 1 && strncmp(base + i, p, n) != 0))
             return nullptr;
         i += n;
         p += n;

@@ -254,12 +254,15 @@ KS_API void fileutl_flushmntent(void);
  * name against its qualified form ("alpha" and "alpha.dept", not
  * "alphabet").  "alternate_hostnames" (one name a line) and
  * "automount_prefix" (first line; "/tmp_mnt" when missing) in the host
- * configuration directory are read once per process.  These routines return
+ * configuration directory are read once per process (a host without a host
+ * data directory stops there, as ks_hostdata_dir does).  These routines return
  * 0, or -1 with errno (ENAMETOOLONG when out is too small, EINVAL for a size
  * 0 or a name without a host); the messages "Unable to open mount table:
  * ..." and "Operation gethostname: ..." are printed where they fail. */
 
-/* host:path for the local name path (made absolute and resolved). */
+/* host:path for the local name path (made absolute and resolved), from the
+ * mount whose mount point holds it most closely (the first of equals;
+ * automounter triggers, type "autofs", hold nothing). */
 KS_API int fileutl_where(const char *path, char *out, size_t size);
 /* Only the host that stores path. */
 KS_API int fileutl_path_host(const char *path, char *out, size_t size);

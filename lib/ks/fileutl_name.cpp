@@ -93,7 +93,7 @@ bool ends_in_sep(const char *out, size_t len, bool mb)
 }
 
 // Copies src into dst (KS_PATH_BUF bytes) without trailing separators; with
-// fold, "\\" also separates and every separator is written "/".  False when
+// fold, "\" also separates and every separator is written "/".  False when
 // it does not fit.
 bool working_copy(const char *src, char *dst, bool fold, bool mb)
 {

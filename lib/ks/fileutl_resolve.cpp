@@ -1,6 +1,6 @@
 // Finding files along a list of directories, and pattern lists that scope
 // names.  The wildcards are the small set below, matched here: "*", "?" and
-// "\\" for a literal character.
+// "\" for a literal character.
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -20,7 +20,7 @@ using ks::fileutl::next_sep;
 namespace {
 
 // Whether pat matches all of s[0..n).  "*" takes any run and "?" any one
-// character, neither a separator; "\\" makes the next character literal.
+// character, neither a separator; "\" makes the next character literal.
 // A "*" is retried one character further on each mismatch after it.
 bool wild_match(const char *pat, const char *s, size_t n, bool mb)
 {

@@ -22,6 +22,7 @@ static const struct kstool_cmd commands[] = {
     {"id", "id", "this process's credentials: numeric, SID and names", kstool_id},
     {"si[d]", "sid TEXT...", "parse SID texts: bytes and canonical text", kstool_sid},
     {"sp[lit]", "split [-o[ption]|-f[lag]] LINE...", "split command lines with either parser's rules", kstool_split},
+    {"l[og]", "log FILE TEXT...", "append lines to a command log under its header", kstool_log},
     {"h[elp]", "help", "this list", kstool_help},
 };
 #define NCOMMANDS (int)(sizeof commands / sizeof commands[0])

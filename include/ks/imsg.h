@@ -229,7 +229,8 @@ KS_API int imsg_am_daemon(void);
 KS_API void imsg_suspend_daemon_logging(void);
 KS_API void imsg_resume_daemon_logging(void);
 /* In a child of a daemon: lets go of the parent's pipes, catches descriptors
- * 1 and 2 through pipes of its own and reopens the log.  Not a daemon: nothing. */
+ * 1 and 2 through pipes of its own and reopens the log.  Not a daemon: nothing.
+ * Flush stdio before fork: what the child's copy of stdout holds is copied in. */
 KS_API void imsg_starting_process(void);
 /* Copies what waits in the daemon's pipes into the log.  Not a daemon: message
  * 107 "Process not an imsg daemon, cannot drain pipes to daemon log file." */

@@ -135,8 +135,9 @@ struct catch_state {
 };
 
 // The steps of catching descriptors 1 and 2; the text of the step that
-// failed, or null.
-const char *catch_steps(catch_state &c)
+// failed, or null.  With flush, what stdio holds goes where it was meant to
+// go first (a child's copy of its parent's buffers is not flushed).
+const char *catch_steps(catch_state &c, bool flush)
 {
     c.saved[kStdOut] = fcntl(1, F_DUPFD_CLOEXEC, 3);
     c.saved[kStdErr] = fcntl(2, F_DUPFD_CLOEXEC, 3);
@@ -144,8 +145,10 @@ const char *catch_steps(catch_state &c)
         return "Can't dup pipes to stdout/err";
     if (pipe2(c.out, O_CLOEXEC) != 0 || pipe2(c.err, O_CLOEXEC) != 0)
         return "Can't create pipe";
-    fflush(stdout);
-    fflush(stderr);
+    if (flush) {
+        fflush(stdout);
+        fflush(stderr);
+    }
     c.moved = true;
     if (dup2(c.out[1], 1) < 0 || dup2(c.err[1], 2) < 0)
         return "Can't dup pipes to stdout/err";
@@ -192,10 +195,10 @@ void undo_catch(catch_state &c)
 
 // Puts pipes on descriptors 1 and 2; false after the failed step was
 // reported and the descriptors were given back.
-bool catch_std_descriptors()
+bool catch_std_descriptors(bool flush)
 {
     catch_state c;
-    const char *failed = catch_steps(c);
+    const char *failed = catch_steps(c, flush);
     if (failed != nullptr) {
         int e = errno;
         undo_catch(c);
@@ -335,7 +338,7 @@ int32_t imsg_init_daemon(const char *path, int separate_stderr)
     if (!exit_handler_set)
         pfm_on_exit(drain_at_exit, nullptr);
     exit_handler_set = true;
-    bool caught = catch_std_descriptors();
+    bool caught = catch_std_descriptors(true);
     // Without a log file the messages go to the real descriptors, never into
     // the pipes they are drained from.
     if (caught && !log_open)
@@ -390,7 +393,7 @@ void imsg_starting_process(void)
         return;
     if (pipe_in[kStdOut].in != nullptr) {
         release_std_descriptors();
-        catch_std_descriptors();
+        catch_std_descriptors(false);
     }
     // The streams in use may have been the parent's real ones, just closed.
     if (ks::imsg_daemon_suspended() || !log_open)

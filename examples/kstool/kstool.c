@@ -23,6 +23,7 @@ static const struct kstool_cmd commands[] = {
     {"si[d]", "sid TEXT...", "parse SID texts: bytes and canonical text", kstool_sid},
     {"sp[lit]", "split [-o[ption]|-f[lag]] LINE...", "split command lines with either parser's rules", kstool_split},
     {"p[ath]", "path OPERATION ARGUMENT...", "normalise, abs, rel, leaf, suffix, host, where, unwhere", kstool_path},
+    {"l[og]", "log FILE TEXT...", "append lines to a command log under its header", kstool_log},
     {"h[elp]", "help", "this list", kstool_help},
 };
 #define NCOMMANDS (int)(sizeof commands / sizeof commands[0])

@@ -38,5 +38,6 @@ int kstool_id(int argc, char **argv);
 int kstool_sid(int argc, char **argv);
 int kstool_split(int argc, char **argv);
 int kstool_path(int argc, char **argv);
+int kstool_log(int argc, char **argv);
 
 #endif

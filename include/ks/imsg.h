@@ -169,6 +169,73 @@ KS_API int imsg_in_gui(void);
  * allowed; else 0 (proceed), also when there is no terminal to ask. */
 KS_API int imsg_prompt_proceed(int type, const char *text, int default_choice, int choices);
 
+/*
+ * Command log.  While one is open every printed message goes into it instead
+ * of the standard streams or an output procedure.  A path that is a symbolic
+ * link ("Unable to open log file ...: pathname must not be a symbolic link.")
+ * or cannot be opened (message "Unable to open file", e.g. a directory or no
+ * permission), and a file whose exclusive record lock is refused 20 times in
+ * a row, leave the log on the current error stream: the program goes on.
+ */
+
+/* imsg_start_log_file(path); the second argument is ignored. */
+KS_API FILE *imsg_start_log(const char *path, int ignored);
+/* Opens path (appending; made if missing) and locks it on the first start,
+ * then writes a header: asterisks, then date, host, pid and login name.  A
+ * later start only writes a header (the count stays 1).  Returns the log
+ * stream (the error stream when the file cannot be used). */
+KS_API FILE *imsg_start_log_file(const char *path);
+/* Drop one reference (a start sets the count to 1, so one end closes); the
+ * last unlocks and closes the file.  0, or -1 when closing the file failed. */
+KS_API int32_t imsg_end_log(void);
+KS_API int32_t imsg_end_log_file(void);
+/* Sets the reference count, e.g. in a child that inherited the log.  Below 1
+ * with a log open: closes it and returns imsg_end_log's status.  Otherwise the
+ * count becomes count (a negative one 0) and is returned; nothing is opened. */
+KS_API int32_t imsg_sync_log(int32_t count);
+/* The command log's reference count, 0 when none is open. */
+KS_API int32_t imsg_log_ref_count(void);
+/* While the open log lasts, each message written into it is followed by one
+ * extra line end (a blank line between messages); no log open: no effect. */
+KS_API void imsg_set_log_nextra_nls(void);
+
+/*
+ * Daemon log.  imsg_init_daemon sends the process's messages to a log file
+ * for the rest of its life, each even type with a time stamp, and catches what
+ * any code writes to descriptors 1 and 2 through pipes.  Before each message
+ * imsg_print reopens the log once an hour has passed since it was opened
+ * (recreated with mode 0666 if it was moved away, so it can be rotated), then
+ * copies the pipes' text in.  A symbolic link is refused with the command
+ * log's message, a file that cannot be opened is reported with perror(path);
+ * output then stays where it was and each message tries again.
+ *
+ * Pipe text is copied line by line, each line one message with its prefix
+ * and time stamp: IMSG_INFO from descriptor 1, then IMSG_ERROR from
+ * descriptor 2.  An unfinished line waits for its end (4096 bytes without one
+ * are a line of their own); what is left at exit is copied then.
+ */
+
+/* Turns the process into an imsg daemon logging to path (separate_stderr: the
+ * error stream opens the file a second time); output-ok on, a closed standard
+ * input gets /dev/null.  0; -1 for a null path or a failed pipe set-up (perror;
+ * 1 and 2 given back, the log kept).  A second call only changes the path. */
+KS_API int32_t imsg_init_daemon(const char *path, int separate_stderr);
+/* 1 once imsg_init_daemon has named a log, else 0. */
+KS_API int imsg_am_daemon(void);
+/* Prints to the process's own standard output and error (as they were before
+ * the pipes), without time stamps or "Ok: ", until resumed; resuming turns
+ * output-ok on.  Not a daemon: perror("Can't suspend daemon logging, process
+ * not a daemon"), or "resume". */
+KS_API void imsg_suspend_daemon_logging(void);
+KS_API void imsg_resume_daemon_logging(void);
+/* In a child of a daemon: lets go of the parent's pipes, catches descriptors
+ * 1 and 2 through pipes of its own and reopens the log.  Not a daemon: nothing.
+ * Flush stdio before fork: what the child's copy of stdout holds is copied in. */
+KS_API void imsg_starting_process(void);
+/* Copies what waits in the daemon's pipes into the log.  Not a daemon: message
+ * 107 "Process not an imsg daemon, cannot drain pipes to daemon log file." */
+KS_API void imsg_drain_pipes(void);
+
 KS_END_DECLS
 
 #endif

@@ -196,13 +196,16 @@ bool wants_dup_output()
     return dup_output;
 }
 
-// An open command log takes every message.
+// An open command log takes every message (and a blank line after it while
+// its extra-newlines flag is set).
 bool write_to_command_log(const char *text)
 {
     ks::imsg_log_info_t log = ks::imsg_log_info();
     if (log.ref_count <= 0 || log.stream == nullptr)
         return false;
     imsg_fputs(text, log.stream);
+    if (log.extra_nls != 0)
+        fputc('\n', log.stream);
     return true;
 }
 

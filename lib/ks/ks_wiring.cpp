@@ -3,6 +3,7 @@
 // in its internal header; this source fills it, and the lower layer asks for
 // that on its first use of the table.
 #include "imsg_internal.h"
+#include "imsg_log_internal.h"
 #include "ks/clp.h"
 #include "ks/date.h"
 #include "ks/ks_product.h"
@@ -49,9 +50,8 @@ void imsg_wire_services(imsg_services *services)
     services->on_exit = pfm_on_exit;
     services->raise = pfm_raise;
     services->run_guarded = run_guarded;
-    // The log layer's daemon steps join here when it lands.
-    services->reopen_daemon_log = nullptr;
-    services->drain_daemon_pipes = nullptr;
+    services->reopen_daemon_log = imsg_reopen_daemon_log_when_due;
+    services->drain_daemon_pipes = imsg_drain_daemon_pipes;
 }
 
 } // namespace ks

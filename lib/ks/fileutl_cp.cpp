@@ -331,7 +331,10 @@ int copy_before(void *data, const char *path, const char *root, const char *dir,
 int copy_after(void *data, const char *path, const char *root, const char *dir, const char *name,
                const struct stat *st, int pass, int depth)
 {
-    (void)path, (void)root, (void)pass, (void)depth;
+    (void)path, (void)root, (void)depth;
+    // Non-directories are offered to every record, before: nothing to do.
+    if (pass != FILEUTL_WALK_AFTER)
+        return 0;
     auto &job = *static_cast<copy_job *>(data);
     char target[KS_PATH_BUF];
     if (!target_name(job, dir, name, target))

@@ -22,6 +22,12 @@ static const struct kstool_cmd commands[] = {
     {"id", "id", "this process's credentials: numeric, SID and names", kstool_id},
     {"si[d]", "sid TEXT...", "parse SID texts: bytes and canonical text", kstool_sid},
     {"sp[lit]", "split [-o[ption]|-f[lag]] LINE...", "split command lines with either parser's rules", kstool_split},
+    {"crc", "crc FILE...", "the library's stored checksum and size of files", kstool_crc},
+    {"cmp", "cmp A B", "compare two files byte for byte", kstool_cmp},
+    {"cp", "cp [-t[race]] SOURCE TARGET", "copy a file or a tree", kstool_cp},
+    {"rm", "rm [-t[race]] PATH...", "remove files and trees", kstool_rm},
+    {"du", "du PATH...", "disk usage of trees", kstool_du},
+    {"tac", "tac FILE", "print a file's lines last first", kstool_tac},
     {"h[elp]", "help", "this list", kstool_help},
 };
 #define NCOMMANDS (int)(sizeof commands / sizeof commands[0])

@@ -37,5 +37,11 @@ int kstool_date(int argc, char **argv);
 int kstool_id(int argc, char **argv);
 int kstool_sid(int argc, char **argv);
 int kstool_split(int argc, char **argv);
+int kstool_crc(int argc, char **argv);
+int kstool_cmp(int argc, char **argv);
+int kstool_cp(int argc, char **argv);
+int kstool_rm(int argc, char **argv);
+int kstool_du(int argc, char **argv);
+int kstool_tac(int argc, char **argv);
 
 #endif

@@ -27,6 +27,8 @@ struct copy_job {
     ino_t root_ino;
     ks::inode_set *links;  // files with several links: first target name
     stg_area_t link_names; // those names
+    uid_t uid;             // the owner new files get
+    gid_t gid;
 };
 
 bool tracing(const copy_job &job)
@@ -54,9 +56,9 @@ bool target_name(const copy_job &job, const char *dir, const char *name, char *o
 }
 
 // Ownership follows the source where the process may give it away.
-void copy_owner(const char *target, const struct stat &st)
+void copy_owner(const copy_job &job, const char *target, const struct stat &st)
 {
-    if (st.st_uid == geteuid() && st.st_gid == getegid())
+    if (st.st_uid == job.uid && st.st_gid == job.gid)
         return;
     (void)lchown(target, st.st_uid, st.st_gid);
 }
@@ -103,7 +105,7 @@ int make_node(const copy_job &job, const char *path, const char *target, const s
         if (errno != EEXIST || attempt > 0 || !clear_target(target, st))
             return report(job, target, errno);
     }
-    copy_owner(target, st);
+    copy_owner(job, target, st);
     if (chmod(target, perm) != 0)
         return report(job, target, errno);
     return set_times(job, -1, target, st);
@@ -123,7 +125,7 @@ int make_symlink(const copy_job &job, const char *path, const char *target, cons
     for (int attempt = 0; symlink(text, target) != 0; attempt++)
         if (errno != EEXIST || attempt > 0 || !clear_target(target, st))
             return report(job, target, errno);
-    copy_owner(target, st);
+    copy_owner(job, target, st);
     return set_times(job, -1, target, st);
 }
 
@@ -235,7 +237,7 @@ int copy_file(const copy_job &job, const char *path, const char *target, const s
     int rc = copy_contents(in, out, st, &err, &bad_target);
     close(in);
     if (rc == 0) {
-        if (st.st_uid != geteuid() || st.st_gid != getegid())
+        if (st.st_uid != job.uid || st.st_gid != job.gid)
             (void)fchown(out, st.st_uid, st.st_gid);
         if (fchmod(out, perm) != 0 || set_times(job, out, target, st) != 0) {
             err = errno;
@@ -339,7 +341,7 @@ int copy_after(void *data, const char *path, const char *root, const char *dir, 
     char target[KS_PATH_BUF];
     if (!target_name(job, dir, name, target))
         return FILEUTL_WALK_ERROR;
-    copy_owner(target, *st);
+    copy_owner(job, target, *st);
     if (chmod(target, st->st_mode & kPermBits) != 0)
         return report(job, target, errno);
     return set_times(job, -1, target, *st);
@@ -365,7 +367,7 @@ int fileutl_cp(const char *source, const char *target, int flags)
         errno = EEXIST;
         return rc;
     }
-    copy_job job = {target, flags, false, 0, 0, nullptr, STG_AREA_NULL};
+    copy_job job = {target, flags, false, 0, 0, nullptr, STG_AREA_NULL, geteuid(), getegid()};
     job.link_names = stg_create_area(4096);
     fileutl_walk_cb_t after = {nullptr, FILEUTL_WALK_AFTER, copy_after, &job};
     fileutl_walk_cb_t before = {&after, FILEUTL_WALK_BEFORE, copy_before, &job};

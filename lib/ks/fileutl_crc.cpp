@@ -97,28 +97,35 @@ bool has_zero_byte(uint64_t x)
     return ((x - 0x0101010101010101ULL) & ~x & 0x8080808080808080ULL) != 0;
 }
 
-uint64_t load_be64(const unsigned char *p)
+uint32_t load_be32(const unsigned char *p)
 {
-    uint64_t x;
+    uint32_t x;
     memcpy(&x, p, sizeof x);
-    return __builtin_bswap64(x);
+    return __builtin_bswap32(x);
+}
+
+// The parts of four bytes of a word at positions first to first + 3.
+block_part word_part(uint32_t word, int first)
+{
+    const block_part &a = kBlockTable[first][word >> 24];
+    const block_part &b = kBlockTable[first + 1][(word >> 16) & 0xFF];
+    const block_part &c = kBlockTable[first + 2][(word >> 8) & 0xFF];
+    const block_part &d = kBlockTable[first + 3][word & 0xFF];
+    return {(a.indices ^ b.indices) ^ (c.indices ^ d.indices),
+            (a.value ^ b.value) ^ (c.value ^ d.value)};
 }
 
 uint32_t sum(const unsigned char *p, size_t n, uint32_t value, uint32_t &counter)
 {
     for (; n >= 8; p += 8, n -= 8) {
-        uint64_t w = load_be64(p) ^ (static_cast<uint64_t>(value) << 32);
-        uint64_t indices = 0;
-        uint64_t next = 0;
-        for (int pos = 0; pos < 8; pos++) {
-            const block_part &part = kBlockTable[pos][(w >> (56 - 8 * pos)) & 0xFF];
-            indices ^= part.indices;
-            next ^= part.value;
-        }
-        if (__builtin_expect(has_zero_byte(indices), 0))
+        // The second half of the block does not depend on the value, so it
+        // is ready before the first half's look-ups are.
+        block_part late = word_part(load_be32(p + 4), 4);
+        block_part early = word_part(load_be32(p) ^ value, 0);
+        if (__builtin_expect(has_zero_byte(early.indices ^ late.indices), 0))
             value = sum_bytes(p, 8, value, counter);
         else
-            value = static_cast<uint32_t>(next);
+            value = static_cast<uint32_t>(early.value ^ late.value);
     }
     return sum_bytes(p, n, value, counter);
 }

@@ -62,14 +62,6 @@ int real_closedir(void *dir)
 }
 const fileutl_fs_ops_t kRealOps = {fileutl_stat, real_opendir, real_readdir, real_closedir};
 
-// Asks a network file system for fresh attributes of the root: a forced
-// synchronisation of its status with the server (a no-op on local ones).
-void flush_cached_attributes(const char *path)
-{
-    struct statx stx;
-    (void)statx(AT_FDCWD, path, AT_STATX_FORCE_SYNC, STATX_BASIC_STATS, &stx);
-}
-
 // A directory being walked, for the loop check when links are followed.
 struct ancestor {
     const ancestor *up;
@@ -260,7 +252,7 @@ int walk(const char *root, const fileutl_walk_cb_t *chain, const fileutl_fs_ops_
         return ks::fileutl_report(flags, root, ENAMETOOLONG);
     w.rel_skip = root_len + (root_len > 0 && root[root_len - 1] == '/' ? 0 : 1);
     if (ops == &kRealOps)
-        flush_cached_attributes(root);
+        ks::fileutl_flush_attributes(root);
     struct stat st;
     if (ops->stat(root, (flags & kFollow) != 0, &st) != 0)
         return ks::fileutl_report(flags, root, errno);
@@ -298,6 +290,12 @@ struct inode_set {
     size_t count;
     inode_slot slots[1];
 };
+
+void fileutl_flush_attributes(const char *path)
+{
+    struct statx stx;
+    (void)statx(AT_FDCWD, path, AT_STATX_FORCE_SYNC, STATX_BASIC_STATS, &stx);
+}
 
 int fileutl_report(int flags, const char *name, int err)
 {

@@ -8,6 +8,10 @@
 
 namespace ks {
 
+// Asks a network file system for fresh attributes of path: a forced
+// synchronisation of its status with the server (a no-op on local ones).
+void fileutl_flush_attributes(const char *path);
+
 // "%s: %s\n" with name and the text of err, unless flags say quiet; returns
 // the walk's error result, -4.
 int fileutl_report(int flags, const char *name, int err);

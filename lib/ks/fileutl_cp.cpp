@@ -201,11 +201,10 @@ int open_target(const char *target, const struct stat &src)
         return -1;
     struct stat st;
     int err = 0;
-    if (fstat(fd, &st) != 0)
-        err = errno;
-    else if (st.st_dev == src.st_dev && st.st_ino == src.st_ino)
+    bool failed = fstat(fd, &st) != 0;
+    if (!failed && st.st_dev == src.st_dev && st.st_ino == src.st_ino)
         err = EEXIST; // never truncate the source
-    else if (ftruncate(fd, 0) != 0)
+    else if (failed || ftruncate(fd, 0) != 0)
         err = errno;
     if (err != 0) {
         close(fd);
@@ -264,16 +263,15 @@ int copy_links(copy_job &job, const char *path, const char *target, const struct
     if (st.st_nlink < 2)
         return 0;
     const char *name = stg_area_strdup(job.link_names, target);
-    uintptr_t first = 0;
-    int rc = name == nullptr ? -1
-                             : ks::inode_set_add(&job.links, st.st_dev, st.st_ino,
-                                                 reinterpret_cast<uintptr_t>(name), &first);
+    const void *first = nullptr;
+    int rc =
+        name == nullptr ? -1 : ks::inode_set_add(&job.links, st.st_dev, st.st_ino, name, &first);
     if (rc < 0)
         return FILEUTL_WALK_ERROR;
     if (rc == 0)
         return 0;
     *done = true;
-    const char *copy = reinterpret_cast<const char *>(first);
+    const auto *copy = static_cast<const char *>(first);
     if (link(copy, target) == 0)
         return 0;
     if (errno == EEXIST && clear_target(target, st) && link(copy, target) == 0)

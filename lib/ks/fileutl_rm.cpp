@@ -82,7 +82,7 @@ int entry_stat(const char *path, int follow, struct stat *st)
     return 0;
 }
 
-const fileutl_fs_ops_t kRemovalOps = {entry_stat, open_dir, read_dir, close_dir};
+constexpr fileutl_fs_ops_t kRemovalOps = {entry_stat, open_dir, read_dir, close_dir};
 
 int remove_entry(void *data, const char *path, const char *root, const char *dir, const char *name,
                  const struct stat *st, int pass, int depth)

@@ -60,7 +60,7 @@ int real_closedir(void *dir)
 {
     return fileutl_closedir(static_cast<DIR *>(dir));
 }
-const fileutl_fs_ops_t kRealOps = {fileutl_stat, real_opendir, real_readdir, real_closedir};
+constexpr fileutl_fs_ops_t kRealOps = {fileutl_stat, real_opendir, real_readdir, real_closedir};
 
 // A directory being walked, for the loop check when links are followed.
 struct ancestor {
@@ -277,7 +277,7 @@ int byte_order(const char *a, const char *b)
 struct inode_slot {
     dev_t dev;
     ino_t ino;
-    uintptr_t value;
+    const void *value;
     bool used;
 };
 
@@ -350,7 +350,7 @@ bool grow(inode_set **set)
 
 } // namespace
 
-int inode_set_add(inode_set **set, dev_t dev, ino_t ino, uintptr_t value, uintptr_t *found)
+int inode_set_add(inode_set **set, dev_t dev, ino_t ino, const void *value, const void **found)
 {
     if ((*set == nullptr || (*set)->count * 2 >= (*set)->mask) && !grow(set))
         return -1;
@@ -398,8 +398,8 @@ int fileutl_du_one(void *data, const char *path, const char *root, const char *d
         return 0;
     if (!S_ISDIR(st->st_mode) && st->st_nlink > 1) {
         auto *seen = static_cast<ks::inode_set *>(du->seen);
-        uintptr_t ignored;
-        int rc = ks::inode_set_add(&seen, st->st_dev, st->st_ino, 0, &ignored);
+        const void *ignored;
+        int rc = ks::inode_set_add(&seen, st->st_dev, st->st_ino, nullptr, &ignored);
         du->seen = seen;
         if (rc < 0)
             return FILEUTL_WALK_ERROR;

@@ -22,7 +22,7 @@ struct inode_set;
 
 // Finds (dev, ino) in *set, or adds it with value.  1 with the stored value
 // in *found, 0 when added, -1 when out of memory (reported).
-int inode_set_add(inode_set **set, dev_t dev, ino_t ino, uintptr_t value, uintptr_t *found);
+int inode_set_add(inode_set **set, dev_t dev, ino_t ino, const void *value, const void **found);
 // Frees the set; *set becomes null.
 void inode_set_free(inode_set **set);
 

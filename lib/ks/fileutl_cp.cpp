@@ -256,8 +256,7 @@ int copy_file(const copy_job &job, const char *path, const char *target, const s
 }
 
 // A second name of a file already copied becomes a link to that copy.
-int copy_links(copy_job &job, const char *path, const char *target, const struct stat &st,
-               bool *done)
+int copy_links(copy_job &job, const char *target, const struct stat &st, bool *done)
 {
     *done = false;
     if (st.st_nlink < 2)
@@ -276,7 +275,6 @@ int copy_links(copy_job &job, const char *path, const char *target, const struct
         return 0;
     if (errno == EEXIST && clear_target(target, st) && link(copy, target) == 0)
         return 0;
-    (void)path;
     return report(job, target, errno);
 }
 
@@ -321,7 +319,7 @@ int copy_before(void *data, const char *path, const char *root, const char *dir,
     if (!S_ISREG(st->st_mode))
         return make_node(job, path, target, *st);
     bool linked;
-    int rc = copy_links(job, path, target, *st, &linked);
+    int rc = copy_links(job, target, *st, &linked);
     if (linked || rc != 0)
         return rc;
     return copy_file(job, path, target, *st);

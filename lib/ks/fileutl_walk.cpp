@@ -230,10 +230,8 @@ void walk_dir(walker &w, const char *dir_path, const char *dir_rel, int depth, c
             errno = 0;
             struct dirent *e = w.ops->readdir(handle);
             if (e == nullptr) {
-                if (errno != 0) {
-                    buf[base_len] = '\0';
+                if (errno != 0)
                     fail(w, dir_path, errno);
-                }
                 break;
             }
             visit_named(w, buf, base_len, e->d_name, dir_rel, depth, up);

@@ -24,6 +24,12 @@ static const struct kstool_cmd commands[] = {
     {"sp[lit]", "split [-o[ption]|-f[lag]] LINE...", "split command lines with either parser's rules", kstool_split},
     {"p[ath]", "path OPERATION ARGUMENT...", "normalise, abs, rel, leaf, suffix, host, where, unwhere", kstool_path},
     {"l[og]", "log FILE TEXT...", "append lines to a command log under its header", kstool_log},
+    {"crc", "crc FILE...", "the library's stored checksum and size of files", kstool_crc},
+    {"cmp", "cmp A B", "compare two files byte for byte", kstool_cmp},
+    {"cp", "cp [-t[race]] SOURCE TARGET", "copy a file or a tree", kstool_cp},
+    {"rm", "rm [-t[race]] PATH...", "remove files and trees", kstool_rm},
+    {"du", "du PATH...", "disk usage of trees", kstool_du},
+    {"tac", "tac FILE", "print a file's lines last first", kstool_tac},
     {"h[elp]", "help", "this list", kstool_help},
 };
 #define NCOMMANDS (int)(sizeof commands / sizeof commands[0])

@@ -39,5 +39,11 @@ int kstool_sid(int argc, char **argv);
 int kstool_split(int argc, char **argv);
 int kstool_path(int argc, char **argv);
 int kstool_log(int argc, char **argv);
+int kstool_crc(int argc, char **argv);
+int kstool_cmp(int argc, char **argv);
+int kstool_cp(int argc, char **argv);
+int kstool_rm(int argc, char **argv);
+int kstool_du(int argc, char **argv);
+int kstool_tac(int argc, char **argv);
 
 #endif

@@ -203,6 +203,7 @@ void expand(glob_work *w, uchar *comp, size_t len);
 entry *read_dir(glob_work *w, size_t len, uchar *comp, uchar *end, bool dirs_only, size_t *n)
 {
     *n = 0;
+    w->path[len] = '\0'; // a deeper level may have left more behind
     pfm_inhibit();
     w->dir = opendir(len == 0 ? "." : w->path);
     pfm_enable();

@@ -22,6 +22,8 @@ static const struct kstool_cmd commands[] = {
     {"id", "id", "this process's credentials: numeric, SID and names", kstool_id},
     {"si[d]", "sid TEXT...", "parse SID texts: bytes and canonical text", kstool_sid},
     {"sp[lit]", "split [-o[ption]|-f[lag]] LINE...", "split command lines with either parser's rules", kstool_split},
+    {"g[lob]", "glob PATTERN...", "expand wildcard patterns against the file system", kstool_glob},
+    {"m[atch]", "match [-pa|-pl] PATTERN NAME...", "compile a pattern, try it against names", kstool_match},
     {"h[elp]", "help", "this list", kstool_help},
 };
 #define NCOMMANDS (int)(sizeof commands / sizeof commands[0])

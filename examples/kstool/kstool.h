@@ -37,5 +37,7 @@ int kstool_date(int argc, char **argv);
 int kstool_id(int argc, char **argv);
 int kstool_sid(int argc, char **argv);
 int kstool_split(int argc, char **argv);
+int kstool_glob(int argc, char **argv);
+int kstool_match(int argc, char **argv);
 
 #endif

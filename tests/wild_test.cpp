@@ -137,7 +137,8 @@ TEST(WildMatch, Rules)
         {"[]*", "a", 0, 0}, {"[/]", "/", 1, 1}, {"[c-a]", "b", 0, 0}, {"[\\]]", "]", 1, 1},
         {"a\\*", "a*", 1, 1}, {"a\\*", "ab", 0, 0}, {"\x01", "\x01", 1, 1}, {"ab\\", "ab\\", 1, 1},
         {"", "", 1, 1}, {"", "a", 0, 0}, {"**", "", 1, 1}, {"*a*", "bab", 1, 1},
-        {"a*?*c", "ax/yc", 1, 1},                          // an earlier "*" must give way
+        {"a*?*c", "ax/yc", 1, 1}, {"*?[ab]*", "ca/abac/", 1, 1}, // an earlier "*" must give way
+        {"*.c", "x.c/", 0, 1}, {"*.c", "a/x.c", 1, 0}, {"x*y", "x/y", 1, 0},
     };
     for (const auto &c : cases) {
         EXPECT_EQ(match(c.pattern, c.name, 0), c.plain) << c.pattern << " ~ " << c.name;

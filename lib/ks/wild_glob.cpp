@@ -88,13 +88,23 @@ void work_close(glob_work *w)
     w->word = w->path = w->compiled = nullptr;
 }
 
+// A block of the working area.  Signals are held while the area takes a
+// new chunk, so that an unwind never finds one half linked in.
+void *area_alloc(glob_work *w, size_t size)
+{
+    pfm_inhibit();
+    void *p = stg_alloc(w->area, size);
+    pfm_enable();
+    if (p == nullptr)
+        w->no_room = true;
+    return p;
+}
+
 char *area_copy(glob_work *w, const char *s, size_t len)
 {
-    auto *p = static_cast<char *>(stg_alloc(w->area, len + 1));
-    if (p == nullptr) {
-        w->no_room = true;
+    auto *p = static_cast<char *>(area_alloc(w, len + 1));
+    if (p == nullptr)
         return nullptr;
-    }
     memcpy(p, s, len);
     p[len] = '\0';
     return p;
@@ -105,11 +115,9 @@ void add_found(glob_work *w, size_t len)
 {
     if (w->count == w->cap) {
         size_t cap = w->cap == 0 ? 64 : 2 * w->cap;
-        auto **grown = static_cast<char **>(stg_alloc(w->area, cap * sizeof(char *)));
-        if (grown == nullptr) {
-            w->no_room = true;
+        auto **grown = static_cast<char **>(area_alloc(w, cap * sizeof(char *)));
+        if (grown == nullptr)
             return;
-        }
         if (w->count != 0)
             memcpy(grown, w->found, w->count * sizeof(char *));
         w->found = grown;
@@ -223,11 +231,9 @@ entry *read_dir(glob_work *w, size_t len, uchar *comp, uchar *end, bool dirs_onl
             continue;
         if (*n == cap) {
             cap = cap == 0 ? 16 : 2 * cap;
-            auto *grown = static_cast<entry *>(stg_alloc(w->area, cap * sizeof(entry)));
-            if (grown == nullptr) {
-                w->no_room = true;
+            auto *grown = static_cast<entry *>(area_alloc(w, cap * sizeof(entry)));
+            if (grown == nullptr)
                 break;
-            }
             if (*n != 0)
                 memcpy(grown, list, *n * sizeof(entry));
             list = grown;
@@ -386,7 +392,9 @@ int compile_word(glob_work *w, bool tilde)
     ks::wild::out_buf out{reinterpret_cast<uchar *>(w->compiled), w->compiled_size, 0};
     int wild = 0;
     const char *rest = nullptr;
+    pfm_inhibit(); // the user database allocates inside the C library
     const char *home = tilde ? home_of(w->word, w->path, &rest) : nullptr;
+    pfm_enable();
     int rc;
     if (home != nullptr) {
         ks::wild::compile_literal(home, &out);
@@ -441,8 +449,10 @@ int expand_all(glob_work *w, const request &rq)
         if (w->no_room)
             return -3;
     }
+    pfm_inhibit(); // qsort may take memory of its own
     if (w->count > 1)
         qsort(w->found, w->count, sizeof(char *), dirlist_strcmp);
+    pfm_enable();
     return 0;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "ks/pfm.h"
 #include "ks/stg.h"
 #include "wild_internal.h"
 
@@ -216,26 +217,50 @@ bool run(const item *items, size_t n, const uchar *name, bool path, uint64_t *me
     return accepts_at_end(items, words, cur);
 }
 
-// Sets up the simulation's items and live sets, on the stack when small.
+// The simulation in mem, which holds the items and the live sets.
+template <bool Mb>
+bool run_in(void *mem, const uchar *pat, size_t n, const uchar *name, bool path)
+{
+    auto *items = static_cast<item *>(mem);
+    read_items(pat, path, Mb, items, n);
+    auto *bits = reinterpret_cast<uint64_t *>(items + n + 1);
+    return run<Mb>(items, n, name, path, bits, (n + 1 + 63) / 64);
+}
+
+// A pattern too long for the stack: its block from the heap goes back even
+// when an interrupt unwinds the match.
+template <bool Mb>
+bool run_on_heap(size_t bytes, const uchar *pat, size_t n, const uchar *name, bool path)
+{
+    void *volatile mem = nullptr;
+    pfm_cleanup_t rec;
+    if (PFM_CLEANUP_START(&rec, 0) != 0) {
+        stg_free(mem);
+        pfm_raise(rec.value);
+    }
+    pfm_inhibit();
+    mem = stg_malloc(bytes);
+    pfm_enable();
+    bool ok = mem != nullptr && run_in<Mb>(mem, pat, n, name, path);
+    pfm_inhibit();
+    pfm_cleanup_rls(&rec);
+    stg_free(mem);
+    pfm_enable();
+    return ok;
+}
+
+// Counts the items and runs the simulation, on the stack when small.
 template <bool Mb>
 int simulate(const uchar *pat, const uchar *name, bool path)
 {
     size_t n = 0;
     for (const uchar *p = pat; *p != '\0'; n++)
         p = read_item(p, path, Mb, nullptr);
-    const size_t words = (n + 1 + 63) / 64;
-    const size_t bytes = (n + 1) * sizeof(item) + 6 * words * sizeof(uint64_t);
+    const size_t bytes = (n + 1) * sizeof(item) + 6 * ((n + 1 + 63) / 64) * sizeof(uint64_t);
     alignas(item) alignas(uint64_t) unsigned char local[2048];
-    void *mem = bytes <= sizeof local ? local : stg_malloc(bytes);
-    if (mem == nullptr)
-        return 0;
-    auto *items = static_cast<item *>(mem);
-    read_items(pat, path, Mb, items, n);
-    auto *bits = reinterpret_cast<uint64_t *>(items + n + 1);
-    bool ok = run<Mb>(items, n, name, path, bits, words);
-    if (mem != local)
-        stg_free(mem);
-    return ok ? 1 : 0;
+    if (bytes <= sizeof local)
+        return run_in<Mb>(local, pat, n, name, path) ? 1 : 0;
+    return run_on_heap<Mb>(bytes, pat, n, name, path) ? 1 : 0;
 }
 
 } // namespace

@@ -30,6 +30,8 @@ static const struct kstool_cmd commands[] = {
     {"rm", "rm [-t[race]] PATH...", "remove files and trees", kstool_rm},
     {"du", "du PATH...", "disk usage of trees", kstool_du},
     {"tac", "tac FILE", "print a file's lines last first", kstool_tac},
+    {"g[lob]", "glob PATTERN...", "expand wildcard patterns against the file system", kstool_glob},
+    {"m[atch]", "match [-pa|-pl] PATTERN NAME...", "compile a pattern, try it against names", kstool_match},
     {"h[elp]", "help", "this list", kstool_help},
 };
 #define NCOMMANDS (int)(sizeof commands / sizeof commands[0])

@@ -45,5 +45,7 @@ int kstool_cp(int argc, char **argv);
 int kstool_rm(int argc, char **argv);
 int kstool_du(int argc, char **argv);
 int kstool_tac(int argc, char **argv);
+int kstool_glob(int argc, char **argv);
+int kstool_match(int argc, char **argv);
 
 #endif

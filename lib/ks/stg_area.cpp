@@ -5,6 +5,7 @@
 
 #include "ks/imsg.h"
 #include "ks/stg.h"
+#include "pfm_internal.h"
 #include "stg_internal.h"
 #include "stg_msg.h"
 #include "stg_testing.h"
@@ -105,7 +106,7 @@ bool chunk_size(const stg_area_rec *area, uint64_t needed, uint32_t *increment, 
 
 // Makes a chunk big enough for needed bytes and puts it at the head of the
 // chain; null (after the out-of-memory report) on failure.
-stg_chunk *new_chunk(stg_area_rec *area, uint64_t needed)
+stg_chunk *make_chunk(stg_area_rec *area, uint64_t needed)
 {
     uint32_t incr, size;
     if (!chunk_size(area, needed, &incr, &size)) {
@@ -137,6 +138,17 @@ stg_chunk *new_chunk(stg_area_rec *area, uint64_t needed)
                    size);
     chunk->next = area->chunks;
     area->chunks = chunk;
+    return chunk;
+}
+
+// make_chunk with signals held: an interrupt between taking the chunk's
+// blocks and linking them in would otherwise lose both.
+stg_chunk *new_chunk(stg_area_rec *area, uint64_t needed)
+{
+    bool held = ks::pfm_hold();
+    stg_chunk *chunk = make_chunk(area, needed);
+    if (held)
+        pfm_enable();
     return chunk;
 }
 

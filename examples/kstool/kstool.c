@@ -22,6 +22,9 @@ static const struct kstool_cmd commands[] = {
     {"id", "id", "this process's credentials: numeric, SID and names", kstool_id},
     {"si[d]", "sid TEXT...", "parse SID texts: bytes and canonical text", kstool_sid},
     {"sp[lit]", "split [-o[ption]|-f[lag]] LINE...", "split command lines with either parser's rules", kstool_split},
+    {"comp[ress]", "compress IN OUT", "compress a file into the library's stored format", kstool_compress},
+    {"uncomp[ress]", "uncompress IN OUT", "expand a file made by compress", kstool_uncompress},
+    {"env", "env [-u NAME] [-s NAME=VALUE] -- COMMAND...", "run a command in an edited private environment", kstool_env},
     {"h[elp]", "help", "this list", kstool_help},
 };
 #define NCOMMANDS (int)(sizeof commands / sizeof commands[0])

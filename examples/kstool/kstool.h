@@ -37,5 +37,8 @@ int kstool_date(int argc, char **argv);
 int kstool_id(int argc, char **argv);
 int kstool_sid(int argc, char **argv);
 int kstool_split(int argc, char **argv);
+int kstool_compress(int argc, char **argv);
+int kstool_uncompress(int argc, char **argv);
+int kstool_env(int argc, char **argv);
 
 #endif

@@ -32,6 +32,9 @@ static const struct kstool_cmd commands[] = {
     {"tac", "tac FILE", "print a file's lines last first", kstool_tac},
     {"g[lob]", "glob PATTERN...", "expand wildcard patterns against the file system", kstool_glob},
     {"m[atch]", "match [-pa|-pl] PATTERN NAME...", "compile a pattern, try it against names", kstool_match},
+    {"comp[ress]", "compress IN OUT", "compress a file into the library's stored format", kstool_compress},
+    {"uncomp[ress]", "uncompress IN OUT", "expand a file made by compress", kstool_uncompress},
+    {"env", "env [-u NAME] [-s NAME=VALUE] -- COMMAND...", "run a command in an edited private environment", kstool_env},
     {"h[elp]", "help", "this list", kstool_help},
 };
 #define NCOMMANDS (int)(sizeof commands / sizeof commands[0])

@@ -47,5 +47,8 @@ int kstool_du(int argc, char **argv);
 int kstool_tac(int argc, char **argv);
 int kstool_glob(int argc, char **argv);
 int kstool_match(int argc, char **argv);
+int kstool_compress(int argc, char **argv);
+int kstool_uncompress(int argc, char **argv);
+int kstool_env(int argc, char **argv);
 
 #endif
